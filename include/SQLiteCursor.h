@@ -1,0 +1,310 @@
+#ifndef VANTRY_SQLITE_CURSOR_H
+#define VANTRY_SQLITE_CURSOR_H
+
+#include <sqlite3.h>
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VantryExport.h"
+
+namespace vantry {
+struct LogPlace;
+}
+
+/// A result that can be walked in both directions and read by column.
+///
+/// A cursor starts before its first row: call a move first, and go on while it returns 0. The getters read
+/// the row that the last successful move reached. Columns are counted from 0.
+///
+/// Threads: no operation takes a lock. One thread uses a cursor at a time; it need not be the one that made
+/// it.
+class VANTRY_API ISQLiteCursor {
+public:
+    ISQLiteCursor() = default;
+    ISQLiteCursor(const ISQLiteCursor&) = delete;
+    ISQLiteCursor& operator=(const ISQLiteCursor&) = delete;
+    virtual ~ISQLiteCursor();
+
+    // ---- Moving -------------------------------------------------------------------------------------------
+
+    /// Goes to the next row.
+    ///
+    /// @return 0 when the cursor stands on the row;
+    ///         -34 at the end of the result: the cursor stays on the last row;
+    ///         -22 at the end of a cursor whose statement is finalised (a preloaded or a fetched one);
+    ///         -14 when the cursor never had a statement, or has no database handle;
+    ///         -12 when memory ran out: the row is not there, and the next call goes on with the one after
+    ///         it; a raw SQLite code above 0 when the step failed; 5 or 6 after 30 waits of 30 ms for a lock.
+    ///
+    /// Kept: a first call that fails leaves the cursor without column names; MoveFirstStep() starts afresh.
+    /// Kept: after -34 a cursor with a live statement starts the statement over, and appends the result's
+    /// rows a second time.
+    /// Kept: a row that was evicted from the cache (see CSQLiteCursorCache) is not filled again: the call
+    /// returns 100, and the cursor stays where it was.
+    virtual int MoveNextStep() = 0;
+
+    /// Goes to the row before.
+    ///
+    /// @return 0 when the cursor stands on it (also, kept, when nothing has been cached);
+    ///         -22 on the first row and before it; -14 before the first move; for an evicted row as
+    ///         MoveNextStep().
+    virtual int MovePreviousStep() = 0;
+
+    /// Goes to the first row; on a result without rows, asks the database again.
+    ///
+    /// @return as MoveNextStep().
+    virtual int MoveFirstStep() = 0;
+
+    /// Steps to the end of the result and goes to the last row.
+    ///
+    /// @return 0, or the failure of a move on the way.
+    ///
+    /// Kept: never returns for a cursor without a statement that does not already stand on its last row, nor
+    /// while stepping goes on failing. Preloaded and fetched cursors have no statement: reach their last row
+    /// with MoveNextStep() until it fails.
+    /// Kept: as the very first move it steps once past the end, which starts the statement over: the cursor
+    /// then stands on a second copy of the first row.
+    virtual int MoveLastStep() = 0;
+
+    // ---- Reading the current row --------------------------------------------------------------------------
+    //
+    // The five getters answer in this order: -14 before the first move and when there is no current row;
+    // -22 for a column outside the row (an evicted row has no columns); 6 for a column that is missing;
+    // -22 for a value of another type: nothing is converted; -14 for a value that memory did not suffice for.
+    // After a failure the out-argument holds what it held before.
+
+    /// Reads the low 32 bits of an integer.
+    virtual int GetIntegerData(int column, int& value) = 0;
+    /// Reads an integer.
+    virtual int GetInteger64Data(int column, long long& value) = 0;
+    /// Reads a floating-point number. An integer is not one.
+    virtual int GetDoubleData(int column, double& value) = 0;
+    /// Reads a text up to its first zero byte; -12 when memory runs out.
+    virtual int GetStringData(int column, std::string& value) = 0;
+    /// Copies a blob into the caller's buffer; no terminator is added.
+    ///
+    /// @param size  the buffer's size in bytes; GetColumnSize() tells how many are needed.
+    /// @return besides the codes above: -22 for a size below 1 or a null buffer, -105 when the blob is larger
+    ///         than the buffer (nothing is copied).
+    virtual int GetBlobData(int column, void* buffer, int size) = 0;
+
+    // ---- Describing the result ----------------------------------------------------------------------------
+
+    /// Tells the number of columns; 0 before the first move.
+    virtual int GetColumnCount() = 0;
+    /// Tells the type of the current row's value: 0 integer, 2 floating-point, 3 text, 4 blob, 5 null, 6 when
+    /// it cannot be told. CSQLiteCursor::ConvertColumnTypeToString() names them.
+    virtual int GetColumnType(int column) = 0;
+    /// Tells a column's name; empty for a column that does not exist, and when no row was ever reached.
+    virtual std::string GetColumnName(int column) = 0;
+    /// Finds a column by its exact name.
+    ///
+    /// @return the first position with that name; -1 for an empty name, before the first move, and when no
+    ///         row was ever reached.
+    /// Kept: an unknown name gives the number of columns, not -1: compare with GetColumnCount().
+    virtual int GetColumnIndex(std::string name) = 0;
+    /// Tells the size in bytes of the current row's value: 8 for numbers, the length without terminator for
+    /// text and blobs, 0 for null and for a column that cannot be read.
+    virtual int GetColumnSize(int column) = 0;
+    /// Tells the current row's number, from 0; -1 before the first row.
+    virtual int GetCurrentRowIndex() = 0;
+    /// Tells how many rows have been seen so far; the whole result's only once its end has been reached.
+    virtual int GetNumbersOfRows() = 0;
+    /// Tells whether no row has been seen yet. A cursor that was never moved counts as empty.
+    virtual bool IsEmpty() = 0;
+};
+
+/// One cached value.
+class VANTRY_API CDbColumn {
+public:
+    CDbColumn() = default;
+    CDbColumn(const CDbColumn&) = delete;
+    CDbColumn& operator=(const CDbColumn&) = delete;
+    /// Releases the value.
+    ~CDbColumn();
+
+    /// SQLite's type code: 1 integer, 2 float, 3 text, 4 blob, 5 null.
+    int type = SQLITE_NULL;
+    /// Bytes of the value: 8 for numbers, the length without terminator for text and blobs.
+    int size = 0;
+    /// The bytes, owned, allocated as an array: a 64-bit integer or a double in the machine's byte order, or
+    /// the text or blob; one zero byte follows. Null for a null value.
+    char* value = nullptr;
+};
+
+/// One cached row.
+class VANTRY_API CDbRow {
+public:
+    CDbRow() = default;
+    CDbRow(const CDbRow&) = delete;
+    CDbRow& operator=(const CDbRow&) = delete;
+    /// Releases the columns, those of an evicted row included.
+    ~CDbRow();
+
+    /// The row's values in column order, owned; empty once the row is evicted.
+    std::vector<CDbColumn*> columns;
+    /// True while `columns` holds the values.
+    bool isCached = false;
+    /// Sum of the columns' sizes in bytes; 0 once evicted.
+    int size = 0;
+    /// What `columns` held before the eviction, owned: a whole result can still be handed to another process
+    /// after its first rows were evicted.
+    std::vector<CDbColumn*> evictedColumns;
+};
+
+/// The rows that a cursor has seen, bounded in bytes.
+///
+/// When `cacheSize` passes CSQLiteCursor::MAX_DB_CACHE_SIZE the oldest rows are evicted: they keep their
+/// place in `rows` and give up their values. The memory of evicted values is released with the cache.
+class VANTRY_API CSQLiteCursorCache {
+public:
+    CSQLiteCursorCache();
+    CSQLiteCursorCache(const CSQLiteCursorCache&) = delete;
+    CSQLiteCursorCache& operator=(const CSQLiteCursorCache&) = delete;
+    /// Releases every row.
+    ~CSQLiteCursorCache();
+
+    /// Bytes counted towards the limit: the column names once, and the values of every cached row.
+    /// Kept: a row that is filled again is not counted again, yet subtracted again when it is evicted; the
+    /// count can fall below the truth, and below zero.
+    int cacheSize = 0;
+    /// The row on which the cursor stands, one of `rows`, or null.
+    CDbRow* currentRow = nullptr;
+    /// The columns' names in order, recorded with the first row.
+    std::list<std::string> columnNames;
+    /// The rows in result order, owned. A row's position is its number.
+    std::list<CDbRow*> rows;
+
+    /// The place in `rows` where the last move ended, and its number: the next move starts from there. Means
+    /// nothing while `placeIndex` is -1.
+    std::list<CDbRow*>::iterator place;
+    int placeIndex = -1;
+    /// The newest row of which is known that it and all before it are evicted; `rows.end()` when none is.
+    std::list<CDbRow*>::iterator lastEvicted;
+};
+
+/// A cursor over one prepared select statement, with the rows that it has stepped over in a cache.
+///
+/// A select request makes one with a live statement, or, preloaded, one whose rows are all cached and whose
+/// statement is gone; one fetched from another process has no statement either.
+///
+/// Ownership: the cursor owns its statement and its cache, and borrows the database handle. Release a cursor
+/// with a live statement before its connection is closed: closing finalises the statement under it, and the
+/// cursor must then not be used or destroyed any more.
+class VANTRY_API CSQLiteCursor : public ISQLiteCursor {
+public:
+    /// A cursor without statement: only what others put into its cache can be visited.
+    CSQLiteCursor();
+    /// A cursor over a statement.
+    ///
+    /// @param pDB    the connection's handle, borrowed.
+    /// @param pStmt  a prepared and bound select, owned from now on.
+    CSQLiteCursor(sqlite3* pDB, sqlite3_stmt* pStmt);
+    /// Finalises the statement and releases the cache.
+    ~CSQLiteCursor() override;
+
+    int MoveNextStep() override;
+    int MovePreviousStep() override;
+    int MoveFirstStep() override;
+    int MoveLastStep() override;
+    int GetIntegerData(int column, int& value) override;
+    int GetInteger64Data(int column, long long& value) override;
+    int GetDoubleData(int column, double& value) override;
+    int GetStringData(int column, std::string& value) override;
+    int GetBlobData(int column, void* buffer, int size) override;
+    int GetColumnCount() override;
+    int GetColumnType(int column) override;
+    std::string GetColumnName(int column) override;
+    int GetColumnIndex(std::string name) override;
+    int GetColumnSize(int column) override;
+    int GetCurrentRowIndex() override;
+    int GetNumbersOfRows() override;
+    bool IsEmpty() override;
+
+    /// Goes back before the first row. Cached rows stay, and are visited again without asking the database.
+    ///
+    /// @return 0; -14 for a cursor that was never moved and has no statement or no database; the raw SQLite
+    ///         code of a failed reset.
+    int ResetStep();
+
+    /// Ends the statement. From now on only the rows seen so far can be visited.
+    ///
+    /// @return 0, or the raw SQLite code of the finalisation; the statement is gone in either case.
+    int FinalizeSQLStatement();
+
+    /// Copies one value of the statement's current row out of SQLite.
+    ///
+    /// @return the value, owned by the caller; without a buffer when memory did not suffice for it; an empty
+    ///         one without a statement; null when memory did not suffice for the column itself.
+    CDbColumn* AddColumnCache(int column);
+
+    /// Steps the statement and caches the row that it yields.
+    ///
+    /// @param recordNames  true for the first row: records the columns' names.
+    /// @return as MoveNextStep(). Kept: a step that answers 0 is logged and returned as 0, without a row.
+    int AddRowCache(bool recordNames);
+
+    /// Fills an evicted row again, by replaying the statement from its start.
+    ///
+    /// @param row       one of the cache's rows, or null.
+    /// @param rowIndex  its number.
+    /// @return 0 when the row was filled; -14 without statement, cache, row or database; -12 when memory ran
+    ///         out; else the raw SQLite code. Kept: that is 100 whenever the statement has a row, and the row
+    ///         stays empty.
+    int UpdateRowCache(CDbRow* row, int rowIndex);
+
+    /// Tells whether more than MAX_DB_CACHE_SIZE bytes are counted.
+    bool IsCachesFull();
+
+    /// Evicts the oldest rows until the cache is no longer full.
+    ///
+    /// @return true when it was full, even if evicting every row did not help.
+    bool ForceGetCacheSize();
+
+    /// Caches all rows that are left.
+    ///
+    /// @return 0. Kept: any failure is followed by another try, so this never returns for a cursor without a
+    ///         statement.
+    int CreateCacheTillEnd();
+
+    /// Tells the bytes counted. The cursor must have been moved.
+    int GetCurrentCacheSize();
+
+    /// Gives the cache, owned by the cursor; null before the first move.
+    CSQLiteCursorCache* GetCusorCache();
+
+    /// Names a value of GetColumnType(). Kept: an integer, of 64 bits, is "4-bit integer".
+    static std::string ConvertColumnTypeToString(int type);
+
+    /// Bytes that may be counted before the oldest rows are evicted: 2 MiB.
+    static const int MAX_DB_CACHE_SIZE = 2097152;
+
+protected:
+    /// Number of the result's columns; 0 until the cache exists.
+    int m_columnCount = 0;
+    /// Number of the result's rows; 0 until its end has been seen.
+    int m_rowCount = 0;
+    /// The rows seen so far, owned; null until the first move.
+    CSQLiteCursorCache* m_pCache = nullptr;
+    /// True while `m_pStmt` is to be finalised here.
+    bool m_bStatementOwned = false;
+    /// The select; null when there is none, or no more.
+    sqlite3_stmt* m_pStmt = nullptr;
+    /// The connection's handle, borrowed; null when there is none.
+    sqlite3* m_pDB = nullptr;
+    /// Number of the current row; -1 before the first.
+    int m_currentRowIndex = -1;
+
+private:
+    friend class CSharedQueryObject;
+
+    int StandOn(CDbRow* row, int index);
+    int FillRow(CDbRow& row, const vantry::LogPlace& place);
+    int CacheCurrentRow(bool recordNames, const vantry::LogPlace& place);
+};
+
+#endif

@@ -1,0 +1,7 @@
+#ifndef VANTRY_EXPORT_H
+#define VANTRY_EXPORT_H
+
+/// Marks what the library exports; everything without the mark is hidden.
+#define VANTRY_API __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,962 @@
+#include "VantryConnection.h"
+
+#include <bundle.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <map>
+#include <new>
+#include <string_view>
+#include <utility>
+
+#include "BusyRetry.h"
+#include "Handles.h"
+#include "Log.h"
+#include "ResultCodes.h"
+#include "TilesModel.h"
+
+using vantry::BusyVoice;
+using vantry::CallWhileBusy;
+using vantry::LogPlace;
+using vantry::StatementHandle;
+
+const std::string CVantryConnection::CONFLICT_VALUES[6] = {" ",         " OR ROLLBACK ", " OR ABORT ",
+                                                           " OR FAIL ", " OR IGNORE ",   " OR REPLACE "};
+
+namespace {
+
+constexpr const char* NO_STATEMENT_TEXT = "SQL statement is NULL";
+constexpr const char* NO_STATEMENT_HANDLE_TEXT = "pHandle is NULL";
+constexpr const char* NO_INSERT_COLUMN_TEXT = "There is no inserting data";
+constexpr const char* NO_UPDATE_BUNDLE_TEXT = "updated data is NULL";
+// Kept: a text, not a format; the line shows the two characters as they stand.
+constexpr const char* EMPTY_UPDATE_TEXT = "%s Empty data";
+// A macro, so that it can be joined to the line's head.
+#define STEP_ERROR_FORMAT "%s : sqlite3_step returned Error %d, - %s"
+
+// The values are the bundle's; the keys are ordered by their addresses inside it.
+using ColumnMap = std::map<const char*, const char*>;
+
+// A map of a builder holds this key from the start. A callback that finds no memory for a column cannot stop
+// the visit; it takes the mark's value away, and the builder sees that columns are missing.
+const char* const COMPLETE_MARK = "";
+
+// SQLite takes lengths in 32 bits; what is longer than that is longer than its limit too, and refused.
+int ByteLength(std::string_view text) {
+    return text.size() > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(text.size());
+}
+
+// Copies SQLite's last message; an empty text when memory runs out.
+void CopyMessage(sqlite3* db, std::string& error, const LogPlace& place) {
+    try {
+        error = sqlite3_errmsg(db);
+    } catch (const std::exception&) {
+        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        error.clear();
+    }
+}
+
+bool CheckHandle(const sqlite3* db, const LogPlace& place) {
+    if (db == nullptr) {
+        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_HANDLE_TEXT);
+        return false;
+    }
+    return true;
+}
+
+int Execute(sqlite3* db, const char* sql, std::string& error, const LogPlace& place) {
+    if (!CheckHandle(db, place)) {
+        return vantry::RESULT_INVALID;
+    }
+    const int code = CallWhileBusy({place, "sqlite3_exec"},
+                                   [=] { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); });
+    if (code != SQLITE_OK) {
+        CopyMessage(db, error, place);
+    }
+    return CVantryConnection::ConvertSQLiteErrorToVantryError(code);
+}
+
+int Prepare(sqlite3* db, const std::string& sql, sqlite3_stmt** statement, const char** tail,
+            const BusyVoice& voice) {
+    return CallWhileBusy(
+        voice, [=, &sql] { return sqlite3_prepare_v2(db, sql.c_str(), ByteLength(sql), statement, tail); });
+}
+
+bool IsListed(sqlite3* db, const sqlite3_stmt* statement) {
+    for (sqlite3_stmt* listed = sqlite3_next_stmt(db, nullptr); listed != nullptr;
+         listed = sqlite3_next_stmt(db, listed)) {
+        if (listed == statement) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Finalises a statement. SQLite destroys it even when it answers busy, which repeats the error of the last
+// step; so a retry looks first whether the statement is still there.
+void Finalize(sqlite3* db, sqlite3_stmt* statement, const BusyVoice& voice) {
+    bool again = false;
+    CallWhileBusy(voice, [&] {
+        if (again && !IsListed(db, statement)) {
+            return SQLITE_OK;
+        }
+        again = true;
+        return sqlite3_finalize(statement);
+    });
+}
+
+// Steps a write to its end and logs any other ending. Returns the last step's code.
+int StepWrite(sqlite3_stmt* statement, const std::string& error, const LogPlace& place) {
+    const int code = CallWhileBusy({place, "sqlite3_step"}, [=] { return sqlite3_step(statement); });
+    if (code != SQLITE_DONE) {
+        VANTRY_LOGF_AT(place, DLOG_INFO, STEP_ERROR_FORMAT, place.function, code, error.c_str());
+    }
+    return code;
+}
+
+// The text as it is bound: without the quotes of an SQL literal.
+std::string_view BoundText(std::string_view text) {
+    if (text.empty() || text.front() != '\'' || text.back() != '\'') {
+        return text;
+    }
+    return text.size() == 1 ? std::string_view() : text.substr(1, text.size() - 2);
+}
+
+// The columns of a bundle; none when it has none, or when memory did not suffice for all of them. The line
+// that says why is written here.
+ColumnMap ReadColumns(_bundle_t* pBundle, const char* emptyBundleText, const char* noColumnText,
+                      const LogPlace& place) {
+    ColumnMap columns;
+    if (bundle_get_count(pBundle) == 0) {
+        VANTRY_LOG_AT(place, DLOG_INFO, emptyBundleText);
+        return columns;
+    }
+    const auto mark = columns.emplace(COMPLETE_MARK, COMPLETE_MARK).first;
+    bundle_foreach(pBundle, CVantryConnection::ConvertBundleToMap, &columns);
+    if (mark->second == nullptr) {
+        columns.clear();
+        return columns;
+    }
+    columns.erase(mark);
+    if (columns.empty()) {
+        VANTRY_LOG_AT(place, DLOG_INFO, noColumnText);
+    }
+    return columns;
+}
+
+enum class Values { Written, Bound };
+
+// Writes a value as it stands in the bundle, or as a placeholder whose argument is kept.
+void AppendValue(std::string& text, const char* value, Values values, std::vector<std::string>& arguments) {
+    if (values == Values::Written) {
+        text += value;
+        return;
+    }
+    text += '?';
+    arguments.emplace_back(value);
+}
+
+std::string WriteInsert(const std::string& table, const ColumnMap& columns, int conflict, Values values,
+                        std::vector<std::string>& arguments) {
+    std::string text = "INSERT";
+    text.append(CVantryConnection::CONFLICT_VALUES[conflict]).append("INTO ").append(table);
+    const char* separator = " (";
+    for (const auto& column : columns) {
+        text.append(separator).append(column.first);
+        separator = ", ";
+    }
+    separator = ") VALUES (";
+    for (const auto& column : columns) {
+        text += separator;
+        AppendValue(text, column.second, values, arguments);
+        separator = ", ";
+    }
+    text += ')';
+    return text;
+}
+
+std::string WriteUpdate(const std::string& table, const ColumnMap& columns, const std::string& where,
+                        int conflict, Values values, std::vector<std::string>& arguments) {
+    std::string text = "UPDATE ";
+    text.append(CVantryConnection::CONFLICT_VALUES[conflict]).append(table);
+    const char* separator = " SET ";
+    for (const auto& column : columns) {
+        text.append(separator).append(column.first).append("=");
+        AppendValue(text, column.second, values, arguments);
+        separator = ", ";
+    }
+    if (!where.empty()) {
+        text.append(" WHERE ").append(where);
+    }
+    return text;
+}
+
+std::string BuildInsert(const std::string& table, _bundle_t* pBundle, int conflict, Values values,
+                        std::vector<std::string>& arguments, const LogPlace& place) {
+    try {
+        const ColumnMap columns = ReadColumns(pBundle, "insert data is NULL", NO_INSERT_COLUMN_TEXT, place);
+        if (columns.empty()) {
+            return {};
+        }
+        std::string text = WriteInsert(table, columns, conflict, values, arguments);
+        VANTRY_LOGF_AT(place, DLOG_DEBUG, "CMD : %s", text.c_str());
+        return text;
+    } catch (const std::exception&) {
+        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+// How a write ended, in raw SQLite codes.
+struct WriteOutcome {
+    int stepped;
+    int finalised;
+
+    // A second reset forgives a step that stayed busy; the write was not made all the same.
+    int Result() const { return finalised == SQLITE_OK && vantry::IsBusy(stepped) ? stepped : finalised; }
+};
+
+// Prepares a write, binds its arguments, steps and finalises it.
+WriteOutcome RunWrite(CVantryConnection& connection, const std::string& sql,
+                      const std::vector<std::string>& arguments, std::string& error, const LogPlace& place) {
+    sqlite3_stmt* statement = nullptr;
+    // Kept: the result is not examined; without a statement the step and the finalisation fail.
+    connection.PrepareBindStatement(&statement, sql, arguments, error);
+    const int stepped = StepWrite(statement, error, place);
+    const int finalised = connection.FinalizeStatement(statement, error);
+    if (finalised != SQLITE_OK) {
+        VANTRY_LOGF_AT(place, DLOG_INFO, STEP_ERROR_FORMAT, place.function, finalised, error.c_str());
+    }
+    return {stepped, finalised};
+}
+
+void RunTransactionStatement(CVantryConnection& connection, sqlite3* db, const char* sql,
+                             const LogPlace& place) {
+    try {
+        std::string error;
+        if (connection.ExcuteSQLInner(sql, error) != vantry::RESULT_OK) {
+            VANTRY_LOGF_AT(place, DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(db));
+        }
+    } catch (const std::exception&) {
+        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+    }
+}
+
+// A cursor over a prepared select, with all rows in its cache where they are wanted at once.
+std::shared_ptr<ISQLiteCursor> MakeCursor(sqlite3* db, StatementHandle statement, bool preload,
+                                          bool clearBindings) {
+    auto cursor = std::make_shared<CSQLiteCursor>(db, statement.get());
+    sqlite3_stmt* const cursorsStatement = statement.release();
+    if (preload) {
+        while (cursor->MoveNextStep() == vantry::RESULT_OK) {
+        }
+        cursor->ResetStep();
+        if (clearBindings) {
+            sqlite3_clear_bindings(cursorsStatement);
+        }
+        cursor->FinalizeSQLStatement();
+    }
+    return cursor;
+}
+
+}  // namespace
+
+// ---- Locks ------------------------------------------------------------------------------------------------
+
+CDBLock::CDBLock() : m_mutex() { pthread_mutex_init(&m_mutex, nullptr); }
+
+CDBLock::CDBLock(const std::string& name) : CDBLock() {
+    try {
+        m_name = name;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+    }
+}
+
+CDBLock::~CDBLock() { pthread_mutex_destroy(&m_mutex); }
+
+void CDBLock::Enter() const { pthread_mutex_lock(&m_mutex); }
+
+void CDBLock::Leave() const { pthread_mutex_unlock(&m_mutex); }
+
+CDBLocalScopedLock::CDBLocalScopedLock(const CDBLock* pLock) : m_pLock(pLock) {
+    if (m_pLock != nullptr) {
+        m_pLock->Enter();
+    }
+}
+
+CDBLocalScopedLock::~CDBLocalScopedLock() {
+    if (m_pLock != nullptr) {
+        m_pLock->Leave();
+    }
+}
+
+// ---- Open and close ---------------------------------------------------------------------------------------
+
+CVantryConnection::CVantryConnection()
+    : m_pLock(nullptr), m_openMode(0), m_foreignKeysEnabled(false), m_pDB(nullptr) {
+    try {
+        m_pLock = new (std::nothrow) CDBLock("CVantryConnection");
+    } catch (const std::exception&) {
+        m_pLock = nullptr;
+    }
+    if (m_pLock == nullptr) {
+        VANTRY_LOG(DLOG_INFO, "Error local scoped lock is not working");
+    }
+}
+
+CVantryConnection::CVantryConnection(const std::string& path, const std::string& name, int openMode)
+    : CVantryConnection() {
+    m_openMode = openMode;
+    try {
+        m_dbPath = path;
+        m_dbName = name;
+    } catch (const std::exception&) {
+        // Half a path would name another file; an empty one cannot be opened.
+        m_dbPath.clear();
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+    }
+}
+
+CVantryConnection::~CVantryConnection() {
+    CloseDB();
+    delete m_pLock;
+    m_pLock = nullptr;
+}
+
+int CVantryConnection::OpenOperation() {
+    std::string fullPath;
+    try {
+        fullPath.reserve(m_dbPath.size() + m_dbName.size());
+        fullPath.append(m_dbPath).append(m_dbName);
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return vantry::RESULT_NO_MEMORY;
+    }
+    VANTRY_LOGF(DLOG_DEBUG, "Database path %s ", fullPath.c_str());
+    if (fullPath.empty()) {
+        VANTRY_LOG(DLOG_INFO, "Database path wasn't set");
+        return vantry::RESULT_INVALID;
+    }
+    int flags = 0;
+    switch (m_openMode) {
+        case 1:
+            flags = SQLITE_OPEN_READONLY;
+            VANTRY_LOG(DLOG_DEBUG, "openFlags : SQLITE_OPEN_READONLY ");
+            break;
+        case 2:
+            flags = SQLITE_OPEN_READWRITE;
+            VANTRY_LOG(DLOG_DEBUG, "openFlags : SQLITE_OPEN_READWRITE ");
+            break;
+        case 6:
+            flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+            VANTRY_LOG(DLOG_DEBUG, "openFlags : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE ");
+            break;
+        case 9:
+            flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX;
+            VANTRY_LOG(DLOG_DEBUG, "openFlags : SQLITE_OPEN_READONLY  | DB_OPEN_NO_MUTEX ");
+            break;
+        default:
+            // Kept: SQLite refuses the flags.
+            VANTRY_LOG(DLOG_DEBUG, "The specified open mode flags are invalid.");
+            break;
+    }
+    const int code = CallWhileBusy({VANTRY_HERE, "sqlite3_open_v2"}, [&] {
+        const CDBLocalScopedLock guard(m_pLock);
+        return sqlite3_open_v2(fullPath.c_str(), &m_pDB, flags, nullptr);
+    });
+    if (code == SQLITE_OK) {
+        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() success : %s", m_dbName.c_str());
+        return vantry::RESULT_OK;
+    }
+    // Kept: the handle that a failed open may leave stays for CloseOperation().
+    if (m_pDB == nullptr) {
+        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() failed : %s", m_dbName.c_str());
+    } else {
+        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() failed with Error msg : %s", sqlite3_errmsg(m_pDB));
+    }
+    return ConvertSQLiteErrorToVantryError(code);
+}
+
+int CVantryConnection::CloseOperation() {
+    const CDBLocalScopedLock guard(m_pLock);
+    if (m_pDB == nullptr) {
+        VANTRY_LOG(DLOG_DEBUG, "Closing database failed because DB handle is NULL");
+        return vantry::RESULT_OK;
+    }
+    while (sqlite3_stmt* statement = sqlite3_next_stmt(m_pDB, nullptr)) {
+        Finalize(m_pDB, statement, {VANTRY_HERE, "vantry"});
+    }
+    const int code = sqlite3_close(m_pDB);
+    if (code != SQLITE_OK) {
+        VANTRY_LOGF(DLOG_INFO, "Closing database failed with error: %s", sqlite3_errmsg(m_pDB));
+    }
+    m_pDB = nullptr;
+    return ConvertSQLiteErrorToVantryError(code);
+}
+
+int CVantryConnection::CloseDB() {
+    const int result = CloseOperation();
+    if (result == vantry::RESULT_OK) {
+        VANTRY_LOGF(DLOG_INFO, "Database was closed : %s", m_dbName.c_str());
+    }
+    return result;
+}
+
+bool CVantryConnection::IsOpen() const {
+    const CDBLocalScopedLock guard(m_pLock);
+    return m_pDB != nullptr;
+}
+
+int CVantryConnection::GetOpenMode() const { return m_openMode; }
+
+long long CVantryConnection::GetLastInsertRowID() {
+    return CheckHandle(m_pDB, VANTRY_HERE) ? sqlite3_last_insert_rowid(m_pDB) : -1;
+}
+
+int CVantryConnection::ConvertSQLiteErrorToVantryError(int code) {
+    using namespace vantry;
+    static constexpr int RESULTS[] = {
+        RESULT_OK,             // SQLITE_OK
+        RESULT_UNKNOWN,        // SQLITE_ERROR
+        RESULT_UNKNOWN,        // SQLITE_INTERNAL
+        RESULT_NO_PERMISSION,  // SQLITE_PERM
+        RESULT_INVALID,        // SQLITE_ABORT
+        RESULT_BUSY,           // SQLITE_BUSY
+        RESULT_BUSY,           // SQLITE_LOCKED
+        RESULT_NO_MEMORY,      // SQLITE_NOMEM
+        RESULT_READ_ONLY,      // SQLITE_READONLY
+        RESULT_UNKNOWN,        // SQLITE_INTERRUPT
+        RESULT_IO,             // SQLITE_IOERR
+        RESULT_IO,             // SQLITE_CORRUPT
+        RESULT_UNKNOWN,        // SQLITE_NOTFOUND
+        RESULT_UNKNOWN,        // SQLITE_FULL
+        RESULT_IO,             // SQLITE_CANTOPEN
+        RESULT_UNKNOWN,        // SQLITE_PROTOCOL
+        RESULT_IO,             // SQLITE_EMPTY
+        RESULT_UNKNOWN,        // SQLITE_SCHEMA
+        RESULT_UNKNOWN,        // SQLITE_TOOBIG
+        RESULT_UNKNOWN,        // SQLITE_CONSTRAINT
+        RESULT_UNKNOWN,        // SQLITE_MISMATCH
+        RESULT_UNKNOWN,        // SQLITE_MISUSE
+        RESULT_UNKNOWN,        // SQLITE_NOLFS
+        RESULT_UNKNOWN,        // SQLITE_AUTH
+        RESULT_UNKNOWN,        // SQLITE_FORMAT
+        RESULT_UNKNOWN,        // SQLITE_RANGE
+        RESULT_IO,             // SQLITE_NOTADB
+    };
+    constexpr unsigned COUNT = sizeof RESULTS / sizeof RESULTS[0];
+    static_assert(COUNT == SQLITE_NOTADB + 1, "one entry a primary result code");
+    static_assert(RESULTS[SQLITE_BUSY] == RESULT_BUSY && RESULTS[SQLITE_READONLY] == RESULT_READ_ONLY);
+    const auto index = static_cast<unsigned>(code);
+    return index < COUNT ? RESULTS[index] : RESULT_UNKNOWN;
+}
+
+// ---- Run and bind -----------------------------------------------------------------------------------------
+
+int CVantryConnection::ExcuteSQL(const std::string& sql, std::string& error) {
+    const CDBLocalScopedLock guard(m_pLock);
+    return Execute(m_pDB, sql.c_str(), error, VANTRY_HERE);
+}
+
+int CVantryConnection::ExcuteSQLInner(const std::string& sql, std::string& error) {
+    return Execute(m_pDB, sql.c_str(), error, VANTRY_HERE);
+}
+
+int CVantryConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** ppStmt, const char** ppTail,
+                                  std::string& error) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return vantry::RESULT_INVALID;
+    }
+    if (ppStmt == nullptr) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_HANDLE_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    const int code = Prepare(m_pDB, sql, ppStmt, ppTail, {VANTRY_HERE, "sqlite3_prepare_v2"});
+    if (code != SQLITE_OK) {
+        CopyMessage(m_pDB, error, VANTRY_HERE);
+        VANTRY_LOGF(DLOG_INFO, "%s : SQLite3 Error - %s", __func__, error.c_str());
+    }
+    return ConvertSQLiteErrorToVantryError(code);
+}
+
+int CVantryConnection::PrepareBindStatement(sqlite3_stmt** ppStmt, const std::string& sql,
+                                            const std::vector<std::string>& arguments, std::string& error) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return vantry::RESULT_INVALID;
+    }
+    if (ppStmt == nullptr) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_HANDLE_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    int code = Prepare(m_pDB, sql, ppStmt, nullptr, {VANTRY_HERE, "sqlite3_prepare_v2"});
+    if (code != SQLITE_OK) {
+        CopyMessage(m_pDB, error, VANTRY_HERE);
+        VANTRY_LOGF(DLOG_INFO, "sqlite3_prepare_v2 : SQLite3 Error - %s", error.c_str());
+        return ConvertSQLiteErrorToVantryError(code);
+    }
+    int index = 0;
+    for (const std::string& argument : arguments) {
+        ++index;
+        const std::string_view text = BoundText(argument);
+        const int length = ByteLength(text);
+        // The address of an empty view may be null, which would bind NULL.
+        const char* const bytes = text.empty() ? "" : text.data();
+        code = sqlite3_bind_text(*ppStmt, index, bytes, length,
+                                 SQLITE_TRANSIENT);  // NOLINT(performance-no-int-to-ptr): SQLite's constant
+        if (code == SQLITE_OK) {
+            VANTRY_LOGF(DLOG_DEBUG, "[bind index %d] sqlite3_bind_text :  [%.*s]", index, length, bytes);
+        } else {
+            VANTRY_LOGF(DLOG_INFO, "[bind index%d] sqlite3_bind_text() has an error : %s", index,
+                        sqlite3_errmsg(m_pDB));
+        }
+    }
+    return ConvertSQLiteErrorToVantryError(code);
+}
+
+std::string CVantryConnection::ToBindText(std::string text) {
+    const std::size_t length = text.size();
+    if (BoundText(text).size() != length) {
+        text.erase(0, 1);
+        text.resize(length < 2 ? 0 : length - 2);
+    }
+    return text;
+}
+
+int CVantryConnection::FinalizeStatement(sqlite3_stmt* pStmt, std::string& error) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return vantry::RESULT_INVALID;
+    }
+    if (pStmt == nullptr) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_HANDLE_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    int code = CallWhileBusy({VANTRY_HERE, "sqlite3_reset"}, [=] { return sqlite3_reset(pStmt); });
+    CopyMessage(m_pDB, error, VANTRY_HERE);
+    if (code != SQLITE_OK) {
+        // Kept, here and below: a raw SQLite code, and the statement stays until the connection closes.
+        VANTRY_LOGF(DLOG_INFO, "[squence1]sqlite3_reset : SQLite3 Error - %s", error.c_str());
+        return code;
+    }
+    code = sqlite3_clear_bindings(pStmt);
+    CopyMessage(m_pDB, error, VANTRY_HERE);
+    if (code != SQLITE_OK) {
+        VANTRY_LOGF(DLOG_INFO, "[squence2]sqlite3_clear_bindings : SQLite3 Error - %s", error.c_str());
+        return code;
+    }
+    Finalize(m_pDB, pStmt, {VANTRY_HERE, "sqlite3_finalize"});
+    CopyMessage(m_pDB, error, VANTRY_HERE);
+    return vantry::RESULT_OK;
+}
+
+bool CVantryConnection::IntegrityCheck() {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return false;
+    }
+    StatementHandle statement;
+    const int code = CallWhileBusy({VANTRY_HERE, "sqlite3_prepare_v2"}, [&] {
+        sqlite3_stmt* prepared = nullptr;
+        const int result = sqlite3_prepare_v2(m_pDB, "PRAGMA integrity_check;", -1, &prepared, nullptr);
+        statement.reset(prepared);
+        return result;
+    });
+    // SQLite's text lives until the next step, so each is looked at, and the last one kept, before that.
+    std::string text;
+    bool sound = false;
+    while (code == SQLITE_OK && !sound && sqlite3_step(statement.get()) == SQLITE_ROW) {
+        const auto* row = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), 0));
+        sound = row != nullptr && std::strcmp(row, "ok") == 0;
+        try {
+            text = row != nullptr ? row : "";
+        } catch (const std::exception&) {
+            VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+            text.clear();
+        }
+    }
+    statement.reset();
+    if (sound) {
+        VANTRY_LOGF(DLOG_INFO, "Integrity check result : %s", text.c_str());
+    } else {
+        VANTRY_LOGF(DLOG_INFO, "Integrity check result : NG - MSG : %s", text.c_str());
+    }
+    return sound;
+}
+
+void CVantryConnection::SetForeignKeyConstraintsEnabled(bool enable) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return;
+    }
+    if (enable != m_foreignKeysEnabled) {
+        // Kept: remembered before it is done, and when it fails.
+        m_foreignKeysEnabled = enable;
+        try {
+            std::string error;
+            if (ExcuteSQL(enable ? "PRAGMA foreign_keys=1" : "PRAGMA foreign_keys=0", error) !=
+                vantry::RESULT_OK) {
+                VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
+            }
+        } catch (const std::exception&) {
+            VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        }
+    }
+    VANTRY_LOGF(DLOG_DEBUG, "Foreign key is turned %s", m_foreignKeysEnabled ? "ON" : "OFF");
+}
+
+// ---- Transactions -----------------------------------------------------------------------------------------
+
+void CVantryConnection::BeginTransaction(bool exclusive) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return;
+    }
+    VANTRY_LOG(DLOG_DEBUG, "========= Begin transaction ========= ");
+    RunTransactionStatement(*this, m_pDB, exclusive ? "BEGIN EXCLUSIVE;" : "BEGIN IMMEDIATE;", VANTRY_HERE);
+}
+
+void CVantryConnection::BeginTransaction() { BeginTransaction(true); }
+
+void CVantryConnection::CommitTransaction() {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return;
+    }
+    VANTRY_LOG(DLOG_INFO, "========= Commit transaction ========= ");
+    RunTransactionStatement(*this, m_pDB, "COMMIT;", VANTRY_HERE);
+}
+
+void CVantryConnection::RollbackTransaction() {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return;
+    }
+    VANTRY_LOG(DLOG_INFO, "========= Rollback transaction ========= ");
+    RunTransactionStatement(*this, m_pDB, "ROLLBACK;", VANTRY_HERE);
+}
+
+void CVantryConnection::EndTransaction(bool commit) {
+    if (commit) {
+        CommitTransaction();
+    } else {
+        RollbackTransaction();
+    }
+}
+
+// ---- Select -----------------------------------------------------------------------------------------------
+
+std::string CVantryConnection::CreateSelectStatement(const std::string& table,
+                                                     const std::vector<std::string>& projection,
+                                                     const std::string& where, const std::string& order) {
+    try {
+        std::string text = "SELECT ";
+        if (projection.empty()) {
+            text += '*';
+        }
+        const char* separator = "";
+        for (const std::string& column : projection) {
+            text.append(separator).append(column);
+            separator = ", ";
+        }
+        text.append(" FROM ").append(table);
+        if (!where.empty()) {
+            text.append(" WHERE ").append(where);
+        }
+        if (!order.empty()) {
+            const std::size_t end = order.find(';');
+            text.append(" ORDER BY ").append(order, 0, end);
+            if (end != std::string::npos) {
+                // Kept: a clause that begins with the semicolon leaves nothing, and SQLite refuses the
+                // statement.
+                VANTRY_LOGF(DLOG_DEBUG, "found Semicolon in order : [%s] -> [%s]", order.c_str(),
+                            order.substr(0, end).c_str());
+            }
+        }
+        VANTRY_LOGF(DLOG_DEBUG, "CMD : %s", text.c_str());
+        return text;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+std::shared_ptr<ISQLiteCursor> CVantryConnection::SelectRequest(const std::string& table,
+                                                                const std::vector<std::string>& projection,
+                                                                const std::string& where,
+                                                                const std::string& order,
+                                                                const bool& preload) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return {};
+    }
+    const std::string sql = CreateSelectStatement(table, projection, where, order);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return {};
+    }
+    sqlite3_stmt* prepared = nullptr;
+    if (Prepare(m_pDB, sql, &prepared, nullptr, {VANTRY_HERE, "vantry", DLOG_DEBUG}) != SQLITE_OK) {
+        VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
+        return {};
+    }
+    try {
+        return MakeCursor(m_pDB, StatementHandle(prepared), preload, false);
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+std::shared_ptr<ISQLiteCursor> CVantryConnection::SelectRequest(const std::string& table,
+                                                                const std::vector<std::string>& projection,
+                                                                const std::string& where,
+                                                                const std::string& order) {
+    return SelectRequest(table, projection, where, order, true);
+}
+
+std::shared_ptr<ISQLiteCursor> CVantryConnection::SelectRequest(
+    const std::string& table, const std::vector<std::string>& projection, const std::string& where,
+    const std::vector<std::string>& arguments, const std::string& order, const std::string& /*extra*/,
+    const bool& preload) {
+    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
+        return {};
+    }
+    const std::string sql = CreateSelectStatement(table, projection, where, order);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return {};
+    }
+    sqlite3_stmt* prepared = nullptr;
+    std::string error;
+    if (PrepareBindStatement(&prepared, sql, arguments, error) != vantry::RESULT_OK) {
+        // Kept: a statement whose arguments could not be bound stays until the connection closes.
+        VANTRY_LOGF(DLOG_DEBUG, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
+        return {};
+    }
+    try {
+        return MakeCursor(m_pDB, StatementHandle(prepared), preload, true);
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+std::shared_ptr<ISQLiteCursor> CVantryConnection::SelectRequest(
+    const std::string& table, const std::vector<std::string>& projection, const std::string& where,
+    const std::vector<std::string>& arguments, const std::string& order, const std::string& extra) {
+    return SelectRequest(table, projection, where, arguments, order, extra, true);
+}
+
+// ---- Insert -----------------------------------------------------------------------------------------------
+
+void CVantryConnection::ConvertBundleToMap(const char* key, int type, const keyval_t* value, void* userData) {
+    if (userData == nullptr || value == nullptr || key == nullptr) {
+        return;
+    }
+    // The platform's readers take the entry without const, and do not change it.
+    auto* const entry = const_cast<keyval_t*>(value);
+    switch (type) {
+        case BUNDLE_TYPE_STR:
+        case BUNDLE_TYPE_BYTE: {
+            void* text = nullptr;
+            std::size_t size = 0;
+            bundle_keyval_get_basic_val(entry, &text, &size);
+            if (TilesModel::EVENT_TILES_SYNC_KEY == key) {
+                VANTRY_LOG(DLOG_DEBUG, "Skip this bundle - reserved item");
+                return;
+            }
+            auto& columns = *static_cast<ColumnMap*>(userData);
+            try {
+                columns.emplace(key, text != nullptr ? static_cast<const char*>(text) : "");
+            } catch (const std::exception&) {
+                VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+                const auto mark = columns.find(COMPLETE_MARK);
+                if (mark != columns.end()) {
+                    mark->second = nullptr;
+                }
+            }
+            break;
+        }
+        case BUNDLE_TYPE_STR_ARRAY: {
+            VANTRY_LOGF(DLOG_DEBUG, "Found STR_ARRAY -KEY: %s", key);
+            void** texts = nullptr;
+            unsigned int length = 0;
+            std::size_t* sizes = nullptr;
+            bundle_keyval_get_array_val(entry, &texts, &length, &sizes);
+            VANTRY_LOGF(DLOG_DEBUG, "-Array len: %d", static_cast<int>(length));
+            for (unsigned int i = 0; texts != nullptr && i < length; ++i) {
+                VANTRY_LOGF(DLOG_DEBUG, "-%s", texts[i] != nullptr ? static_cast<const char*>(texts[i]) : "");
+            }
+            break;
+        }
+        default:
+            VANTRY_LOG(DLOG_DEBUG, "default");
+            break;
+    }
+}
+
+std::string CVantryConnection::CreateInsertStatement(const std::string& table, _bundle_t* pBundle,
+                                                     int conflict) {
+    std::vector<std::string> none;
+    return BuildInsert(table, pBundle, conflict, Values::Written, none, VANTRY_HERE);
+}
+
+std::string CVantryConnection::CreateInsertStatementWithWildcard(const std::string& table, _bundle_t* pBundle,
+                                                                 int conflict,
+                                                                 std::vector<std::string>& arguments) {
+    arguments.clear();
+    return BuildInsert(table, pBundle, conflict, Values::Bound, arguments, VANTRY_HERE);
+}
+
+int CVantryConnection::InsertWithOnConflict(const std::string& table, _bundle_t* pBundle, int conflict) {
+    if (pBundle == nullptr) {
+        VANTRY_LOG(DLOG_INFO, "Inserted data is NULL");
+        return vantry::RESULT_INVALID;
+    }
+    std::string error;
+    std::vector<std::string> arguments;
+    const std::string sql = CreateInsertStatementWithWildcard(table, pBundle, conflict, arguments);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    return ConvertSQLiteErrorToVantryError(RunWrite(*this, sql, arguments, error, VANTRY_HERE).Result());
+}
+
+int CVantryConnection::InsertRequest(const std::string& table, _bundle_t* pBundle) {
+    return InsertWithOnConflict(table, pBundle, 0);
+}
+
+// ---- Update -----------------------------------------------------------------------------------------------
+
+std::string CVantryConnection::CreateUpdateStatement(const std::string& table, _bundle_t* pBundle,
+                                                     const std::string& where, int conflict) {
+    try {
+        // Kept: the insert's words.
+        const ColumnMap columns = ReadColumns(pBundle, EMPTY_UPDATE_TEXT, NO_INSERT_COLUMN_TEXT, VANTRY_HERE);
+        if (columns.empty()) {
+            return {};
+        }
+        std::vector<std::string> none;
+        std::string text = WriteUpdate(table, columns, where, conflict, Values::Written, none);
+        VANTRY_LOGF(DLOG_DEBUG, "CMD : %s", text.c_str());
+        return text;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+std::string CVantryConnection::CreateUpdateStatementWithWildcard(const std::string& table, _bundle_t* pBundle,
+                                                                 const std::string& where, int conflict,
+                                                                 std::vector<std::string>& arguments) {
+    try {
+        const ColumnMap columns =
+            ReadColumns(pBundle, EMPTY_UPDATE_TEXT, "There is no updating data", VANTRY_HERE);
+        if (columns.empty()) {
+            return {};
+        }
+        std::vector<std::string> merged;
+        merged.reserve(columns.size() + arguments.size());
+        std::string text = WriteUpdate(table, columns, where, conflict, Values::Bound, merged);
+        std::move(arguments.begin(), arguments.end(), std::back_inserter(merged));
+        arguments.swap(merged);
+        int index = 0;
+        for (const std::string& argument : arguments) {
+            VANTRY_LOGF(DLOG_DEBUG, "[UpdateRequest] merged argument [%d] : %s", index, argument.c_str());
+            ++index;
+        }
+        VANTRY_LOGF(DLOG_DEBUG, "CMD : %s", text.c_str());
+        return text;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+int CVantryConnection::UpdateWithOnConflict(const std::string& table, _bundle_t* pBundle,
+                                            const std::string& where, int conflict) {
+    if (pBundle == nullptr) {
+        VANTRY_LOG(DLOG_INFO, NO_UPDATE_BUNDLE_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    const std::string sql = CreateUpdateStatement(table, pBundle, where, conflict);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    std::string error;
+    const int result = ExcuteSQLInner(sql, error);
+    if (result != vantry::RESULT_OK) {
+        VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", error.c_str());
+    }
+    return result;
+}
+
+int CVantryConnection::UpdateWithOnConflict(const std::string& table, _bundle_t* pBundle,
+                                            const std::string& where, std::vector<std::string> arguments,
+                                            int conflict) {
+    if (pBundle == nullptr) {
+        VANTRY_LOG(DLOG_INFO, NO_UPDATE_BUNDLE_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    const std::string sql = CreateUpdateStatementWithWildcard(table, pBundle, where, conflict, arguments);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    std::string error;
+    const WriteOutcome outcome = RunWrite(*this, sql, arguments, error, VANTRY_HERE);
+    if (outcome.finalised != SQLITE_OK) {
+        VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", error.c_str());
+    }
+    return outcome.Result();
+}
+
+int CVantryConnection::UpdateRequest(const std::string& table, _bundle_t* pBundle, const std::string& where) {
+    return UpdateWithOnConflict(table, pBundle, where, 0);
+}
+
+int CVantryConnection::UpdateRequest(const std::string& table, _bundle_t* pBundle, const std::string& where,
+                                     std::vector<std::string> arguments) {
+    return UpdateWithOnConflict(table, pBundle, where, std::move(arguments), 0);
+}
+
+// ---- Delete -----------------------------------------------------------------------------------------------
+
+std::string CVantryConnection::CreateDeleteStatement(const std::string& table, const std::string& where) {
+    try {
+        std::string text = "DELETE FROM " + table;
+        if (!where.empty()) {
+            text.append(" WHERE ").append(where);
+        }
+        VANTRY_LOGF(DLOG_DEBUG, "CMD : %s", text.c_str());
+        return text;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
+}
+
+int CVantryConnection::DeleteRequest(const std::string& table, const std::string& where) {
+    const std::string sql = CreateDeleteStatement(table, where);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    std::string error;
+    const int result = ExcuteSQLInner(sql, error);
+    if (result != vantry::RESULT_OK) {
+        VANTRY_LOGF(DLOG_INFO, "%s : SQLite3 Error - %s", __func__, error.c_str());
+    }
+    return result;
+}
+
+int CVantryConnection::DeleteRequest(const std::string& table, const std::string& where,
+                                     const std::vector<std::string>& arguments) {
+    const std::string sql = CreateDeleteStatement(table, where);
+    if (sql.empty()) {
+        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
+        return vantry::RESULT_INVALID;
+    }
+    std::string error;
+    return RunWrite(*this, sql, arguments, error, VANTRY_HERE).Result();
+}
