@@ -29,7 +29,7 @@ public:
     ISQLiteCursor& operator=(const ISQLiteCursor&) = delete;
     virtual ~ISQLiteCursor();
 
-    // ---- Moving -------------------------------------------------------------------------------------------
+    // ---- Moving ---------------------------------------------------------------------------------------
 
     /// Goes to the next row.
     ///
@@ -70,7 +70,7 @@ public:
     /// then stands on a second copy of the first row.
     virtual int MoveLastStep() = 0;
 
-    // ---- Reading the current row --------------------------------------------------------------------------
+    // ---- Reading the current row ----------------------------------------------------------------------
     //
     // The five getters answer in this order: -14 before the first move and when there is no current row;
     // -22 for a column outside the row (an evicted row has no columns); 6 for a column that is missing;
@@ -92,7 +92,7 @@ public:
     ///         than the buffer (nothing is copied).
     virtual int GetBlobData(int column, void* buffer, int size) = 0;
 
-    // ---- Describing the result ----------------------------------------------------------------------------
+    // ---- Describing the result ------------------------------------------------------------------------
 
     /// Tells the number of columns; 0 before the first move.
     virtual int GetColumnCount() = 0;

@@ -10,11 +10,11 @@
 
 /// Hands a whole result to another process, exactly once, through a named shared-memory object.
 ///
-/// The provider stores a cursor and tells the consumer the object's name and size by its own means; the consumer
-/// fetches it. docs/wire-format.md describes the object byte by byte, its life, and who may open it.
+/// The provider stores a cursor and tells the consumer the object's name and size by its own means; the
+/// consumer fetches it. docs/wire-format.md describes the object byte by byte, its life, and who may open it.
 ///
-/// Threads: the three operations may be called from many threads at once; the cursor that one stores must not be
-/// moved meanwhile.
+/// Threads: the three operations may be called from many threads at once; the cursor that one stores must not
+/// be moved meanwhile.
 class VANTRY_API ISharedQueryObject {
 public:
     ISharedQueryObject() = default;
@@ -32,11 +32,11 @@ public:
     /// @param size     out: the object's size in bytes, 2098175 at most; 0 after -14.
     /// @return 0;
     ///         -22 for a null cursor: name and size keep their values;
-    ///         -14 when the cursor was never moved, when the rows take more than 2098171 bytes, when the system
-    ///         refuses the object or has no memory for it.
+    ///         -14 when the cursor was never moved, when the rows take more than 2098171 bytes, when the
+    ///         system refuses the object or has no memory for it.
     ///
-    /// Ownership: the object outlives the call and the process; GetCursor() removes it. One that nobody fetches
-    /// stays until the system restarts or its name is given to shm_unlink().
+    /// Ownership: the object outlives the call and the process; GetCursor() removes it. One that nobody
+    /// fetches stays until the system restarts or its name is given to shm_unlink().
     /// Kept: a cursor stored before its end arrives with its column names and no rows.
     static int StoreCursor(std::shared_ptr<ISQLiteCursor> pCursor, const std::string& key, std::string& name,
                            int& size);
@@ -45,10 +45,10 @@ public:
     ///
     /// @param name  the object's name, as StoreCursor() told it.
     /// @param size  its size in bytes, as StoreCursor() told it.
-    /// @return the cursor, before its first row, with all rows cached and no statement; null when there is no such
-    ///         object (one of several consumers that ask at once receives it), when its first bytes are no result,
-    ///         and when memory runs out. Damaged contents never lead past the object's end: a row cut short is
-    ///         left out, and with it all after it.
+    /// @return the cursor, before its first row, with all rows cached and no statement; null when there is no
+    ///         such object (one of several consumers that ask at once receives it), when its first bytes are
+    ///         no result, and when memory runs out. Damaged contents never lead past the object's end: a row
+    ///         cut short is left out, and with it all after it.
     ///
     /// Threads: waits while another consumer is fetching the same object.
     /// Kept: a size outside 1 to 2098175 destroys the object.
@@ -73,8 +73,8 @@ public:
     static std::shared_ptr<ISQLiteCursor> GetCursor(const std::string& name, const int& size);
     static int GetRequestID();
 
-    /// Issues a request id, "1" for the first of the process. No two calls give the same one, until the counter
-    /// wraps round; other processes count for themselves.
+    /// Issues a request id, "1" for the first of the process. No two calls give the same one, until the
+    /// counter wraps round; other processes count for themselves.
     ///
     /// @return the id in decimal; empty when memory runs out.
     static std::string ProviderNewRequestID();
@@ -89,14 +89,14 @@ public:
     /// Opens the object `m_name`, waits for other consumers, and maps it for reading.
     ///
     /// @param size  1 to 2098175 bytes.
-    /// @return the mapping, or the one that is there already; null when there is no such object, for another size
-    ///         or an empty name, and when the system refuses. Kept: the name is removed then, too.
+    /// @return the mapping, or the one that is there already; null when there is no such object, for another
+    ///         size or an empty name, and when the system refuses. Kept: the name is removed then, too.
     char* ShmGetObject(int size);
 
     /// Unmaps, closes and removes the object.
     ///
-    /// @return 0; -22 for a size outside 1 to 2098175 or an empty name; -1 without a descriptor, and when unmapping
-    ///         fails.
+    /// @return 0; -22 for a size outside 1 to 2098175 or an empty name; -1 without a descriptor, and when
+    ///         unmapping fails.
     int ShmRemoveObject(int size);
 
     /// Unmaps `m_size` bytes; the object stays for the other process.

@@ -65,7 +65,7 @@ protected:
 /// false or an empty text.
 class VANTRY_API CVantryConnection {
 public:
-    // ---- Open and close -----------------------------------------------------------------------------------
+    // ---- Open and close -------------------------------------------------------------------------------
 
     /// A connection without a path; it cannot be opened.
     CVantryConnection();
@@ -111,7 +111,7 @@ public:
     /// 10, 11, 14, 16 and 26 to -5; 0 to 0; every other value to 0xC0000000.
     static int ConvertSQLiteErrorToVantryError(int code);
 
-    // ---- Run and bind -------------------------------------------------------------------------------------
+    // ---- Run and bind ---------------------------------------------------------------------------------
     //
     // Every operation below that needs a handle and has none returns -22, false, or nothing. Where there is
     // an `error`, it receives SQLite's message of a failure and is otherwise left alone, unless told
@@ -163,7 +163,7 @@ public:
     /// switched off. Kept: a failed switch is remembered as done.
     void SetForeignKeyConstraintsEnabled(bool enable);
 
-    // ---- Transactions -------------------------------------------------------------------------------------
+    // ---- Transactions ---------------------------------------------------------------------------------
     //
     // Failures are told by log lines only. A caller that must know asks sqlite3's own state through a
     // statement of its own, or runs the statement through ExcuteSQL().
@@ -179,7 +179,7 @@ public:
     /// Commits (true) or rolls back (false).
     void EndTransaction(bool commit);
 
-    // ---- Select -------------------------------------------------------------------------------------------
+    // ---- Select ---------------------------------------------------------------------------------------
 
     /// Writes a SELECT. Nothing is quoted: table, columns and clauses are SQL.
     ///
@@ -218,7 +218,7 @@ public:
                                                  const std::vector<std::string>& arguments,
                                                  const std::string& order, const std::string& extra);
 
-    // ---- Insert -------------------------------------------------------------------------------------------
+    // ---- Insert ---------------------------------------------------------------------------------------
     //
     // A bundle's keys are column names, its values their text. Text and byte values (up to their first zero
     // byte) become columns; arrays and the key TilesModel::EVENT_TILES_SYNC_KEY do not. Kept: columns stand
@@ -255,7 +255,7 @@ public:
     /// InsertWithOnConflict() without a conflict clause.
     int InsertRequest(const std::string& table, _bundle_t* pBundle);
 
-    // ---- Update -------------------------------------------------------------------------------------------
+    // ---- Update ---------------------------------------------------------------------------------------
 
     /// Writes an UPDATE with the values in the text, bare as in CreateInsertStatement().
     ///
@@ -288,7 +288,7 @@ public:
     int UpdateRequest(const std::string& table, _bundle_t* pBundle, const std::string& where,
                       std::vector<std::string> arguments);
 
-    // ---- Delete -------------------------------------------------------------------------------------------
+    // ---- Delete ---------------------------------------------------------------------------------------
 
     /// Writes a DELETE. An empty where clause stands for every row.
     std::string CreateDeleteStatement(const std::string& table, const std::string& where);
@@ -303,6 +303,30 @@ public:
     ///         5 or 6 when the database stayed busy.
     int DeleteRequest(const std::string& table, const std::string& where,
                       const std::vector<std::string>& arguments);
+
+    // ---- Files ----------------------------------------------------------------------------------------
+    //
+    // Neither takes the lock, and neither waits for a busy database.
+
+    /// Removes a database file, then its side files "-journal", "-shm" and "-wal".
+    ///
+    /// @param path  directory, ending in a slash.
+    /// @param name  file name.
+    /// @return true when all four were there and are gone. Kept: it stops at the first file that cannot be
+    ///         removed, a missing one included; so it mostly answers false although the database file is
+    ///         gone.
+    bool DeleteDatabase(const std::string& path, const std::string& name);
+
+    /// Copies a database file over another one, page by page, while others may use the source.
+    ///
+    /// @param source      path of the file to copy.
+    /// @param target      path of the copy, created when missing; its content is replaced.
+    /// @param closeFirst  closes this connection before, to be opened again by the caller: for a copy of, or
+    ///                    over, its own file.
+    /// @return true when the copy is complete; false for an empty path, a file that cannot be opened or is no
+    ///         database, and a locked source or target.
+    /// Kept: a target that cannot be opened leaves SQLite's handle of it behind.
+    bool CopyDBFile(std::string source, std::string target, bool closeFirst);
 
     /// The conflict clauses, by number.
     static const std::string CONFLICT_VALUES[6];

@@ -7,8 +7,8 @@
 
 namespace vantry {
 
-// Writes a result's fields one behind the other, unaligned, in the machine's byte order. The caller has counted the
-// bytes before.
+// Writes a result's fields one behind the other, unaligned, in the machine's byte order. The caller has
+// counted the bytes before.
 class ByteWriter {
 public:
     explicit ByteWriter(char* target) : m_next(target) {}

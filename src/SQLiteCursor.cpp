@@ -195,7 +195,7 @@ int CSQLiteCursor::FinalizeSQLStatement() {
     return result;
 }
 
-// ---- Moving -----------------------------------------------------------------------------------------------
+// ---- Moving -------------------------------------------------------------------------------------------
 
 int CSQLiteCursor::StandOn(CDbRow* row, int index) {
     if (!row->isCached) {
@@ -326,7 +326,7 @@ bool CSQLiteCursor::IsEmpty() {
     return GetNumbersOfRows() == 0;
 }
 
-// ---- The row cache ----------------------------------------------------------------------------------------
+// ---- The row cache ------------------------------------------------------------------------------------
 
 CDbColumn* CSQLiteCursor::AddColumnCache(int column) {
     auto* const entry = new (std::nothrow) CDbColumn;
@@ -551,7 +551,7 @@ int CSQLiteCursor::GetCurrentCacheSize() { return m_pCache->cacheSize; }
 
 CSQLiteCursorCache* CSQLiteCursor::GetCusorCache() { return m_pCache; }
 
-// ---- Column access ----------------------------------------------------------------------------------------
+// ---- Column access ------------------------------------------------------------------------------------
 
 int CSQLiteCursor::GetIntegerData(int column, int& value) {
     std::int64_t number = 0;

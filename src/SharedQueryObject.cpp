@@ -65,8 +65,8 @@ void LogCreateError(const LogPlace& place, int error, int descriptor) {
     }
 }
 
-// Gives the object its size, with the pages behind it. On a full file system ftruncate() alone succeeds, and the
-// first write to the mapping would kill the process.
+// Gives the object its size, with the pages behind it. On a full file system ftruncate() alone succeeds, and
+// the first write to the mapping would kill the process.
 bool Reserve(int descriptor, int size) {
     if (ftruncate(descriptor, size) != 0) {
         return false;
@@ -89,8 +89,8 @@ bool LockObject(int descriptor) {
     return fstat(descriptor, &status) != 0 || status.st_nlink > 0;
 }
 
-// The bytes of a result behind its length word that may be read: what the word says, as far as the mapping and the
-// object reach.
+// The bytes of a result behind its length word that may be read: what the word says, as far as the mapping
+// and the object reach.
 int ReadableBytes(const char* mapping, int mappedSize, int descriptor) {
     int size = mappedSize;
     struct stat status {};
@@ -107,10 +107,10 @@ int ReadableBytes(const char* mapping, int mappedSize, int descriptor) {
 
 bool EndsInZero(int type) { return type == SQLITE_TEXT || type == SQLITE_BLOB; }
 
-// ---- Reading --------------------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------------
 
-// A field read out of a block, or the end of the reading: the offsets of the line are those that the read would have
-// led to.
+// A field read out of a block, or the end of the reading: the offsets of the line are those that the read
+// would have led to.
 class BlockReader {
 public:
     BlockReader(const char* data, int size, const LogPlace& place)
@@ -127,7 +127,8 @@ public:
         return true;
     }
 
-    // Bytes behind a length that the block itself gave; `plausible` is false for a length that no writer makes.
+    // Bytes behind a length that the block itself gave; `plausible` is false for a length that no writer
+    // makes.
     bool TakeBytes(std::int32_t length, bool plausible, const char*& bytes) {
         if (length < 0 || !plausible || !m_reader.Has(static_cast<std::size_t>(length))) {
             VANTRY_LOGF_AT(
@@ -143,7 +144,8 @@ public:
     std::size_t Remaining() const { return m_reader.Remaining(); }
 
 private:
-    // Where a read would end; a negative length is shown as the great number that it is to a reader without signs.
+    // Where a read would end; a negative length is shown as the great number that it is to a reader without
+    // signs.
     int OffsetAfter(std::int32_t length) const {
         const auto end = static_cast<std::uint64_t>(m_reader.Offset()) + static_cast<std::uint32_t>(length);
         return static_cast<int>(std::min(end, static_cast<std::uint64_t>(INT_MAX)));
@@ -180,8 +182,8 @@ std::unique_ptr<CDbColumn> ReadCell(BlockReader& reader) {
     auto column = std::make_unique<CDbColumn>();
     column->type = type;
     column->size = EndsInZero(type) ? length - 1 : length;
-    // One byte more than the data, zero: a text is terminated whatever the block says. A null value has a buffer
-    // here, where the cursor that was stored had none.
+    // One byte more than the data, zero: a text is terminated whatever the block says. A null value has a
+    // buffer here, where the cursor that was stored had none.
     const auto size = static_cast<std::size_t>(length);
     column->value = new char[std::max<std::size_t>(size + 1, 2)]();
     std::memcpy(column->value, bytes, size);
@@ -220,7 +222,7 @@ void ReadRows(BlockReader& reader, std::int32_t columnCount, std::int32_t rowCou
 
 }  // namespace
 
-// ---- Writing --------------------------------------------------------------------------------------------
+// ---- Writing ------------------------------------------------------------------------------------------
 
 // What is written of a cursor.
 struct CSharedQueryObject::Source {
@@ -228,8 +230,8 @@ struct CSharedQueryObject::Source {
     int columnCount = 0;
     int rowCount = 0;
 
-    // The values of a row, which eviction puts aside but does not release. A value that is missing is written as
-    // null.
+    // The values of a row, which eviction puts aside but does not release. A value that is missing is written
+    // as null.
     static const CDbColumn& Cell(const CDbRow& row, int column) {
         static const CDbColumn missing;
         const auto& columns = row.isCached ? row.columns : row.evictedColumns;
@@ -343,7 +345,7 @@ std::shared_ptr<ISQLiteCursor> CSharedQueryObject::DeserializeCursorData(char* d
     }
 }
 
-// ---- Segments -------------------------------------------------------------------------------------------
+// ---- Segments -----------------------------------------------------------------------------------------
 
 CSharedQueryObject::CSharedQueryObject() = default;
 
@@ -357,8 +359,8 @@ void CSharedQueryObject::CloseDescriptor() {
     }
 }
 
-// Gives up an object that could not be made or mapped. The name goes first: while the descriptor is open, its lock
-// keeps other consumers away.
+// Gives up an object that could not be made or mapped. The name goes first: while the descriptor is open, its
+// lock keeps other consumers away.
 void CSharedQueryObject::AbandonSegment() {
     shm_unlink(m_name.c_str());
     CloseDescriptor();
@@ -467,7 +469,7 @@ int CSharedQueryObject::DetachData() {
     return vantry::RESULT_OK;
 }
 
-// ---- Request ids ----------------------------------------------------------------------------------------
+// ---- Request ids --------------------------------------------------------------------------------------
 
 std::string CSharedQueryObject::ProviderNewRequestID() {
     const int id = __atomic_add_fetch(&m_requestId, 1, __ATOMIC_SEQ_CST);
@@ -481,7 +483,7 @@ std::string CSharedQueryObject::ProviderNewRequestID() {
 
 int CSharedQueryObject::GetRequestID() { return __atomic_load_n(&m_requestId, __ATOMIC_SEQ_CST); }
 
-// ---- Storing and fetching -------------------------------------------------------------------------------
+// ---- Storing and fetching -----------------------------------------------------------------------------
 
 int CSharedQueryObject::StoreCursor(std::shared_ptr<ISQLiteCursor> pCursor, const std::string& key,
                                     std::string& name, int& size) {

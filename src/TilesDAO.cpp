@@ -1,3 +1,6 @@
+#include "TilesDAO.h"
+
+#include "Log.h"
 #include "TilesModel.h"
 
 namespace TilesModel {
@@ -112,3 +115,42 @@ const std::string ACCELERATOR_WRITE_PERMISSION = "write_permission";
 }  // namespace Accelerators
 
 }  // namespace TilesInternalModel
+
+// ---- Data-access object -------------------------------------------------------------------------------
+
+const std::string CTilesDAO::TILES_DB_PATH = "/opt/usr/apps/org.orvane.content-tiles-provider/data/";
+const std::string CTilesDAO::TILES_DB_NAME = "px_tiles.db";
+const int CTilesDAO::TILES_DB_VERSION = 15;
+
+namespace {
+
+constexpr int READ_ONLY = 1;
+
+}  // namespace
+
+CTilesDAO::CTilesDAO(const std::string& path, const std::string& name, int version)
+    : CContentHelper(path, name, version) {
+    ConnectDB(READ_ONLY, TILES_DB_PATH, TILES_DB_NAME, TILES_DB_VERSION);
+}
+
+CTilesDAO::~CTilesDAO() { DisconnectDB(); }
+
+void CTilesDAO::OnConfigure(CVantryConnection* /*pConnection*/) {}
+
+void CTilesDAO::OnCreate(CVantryConnection* /*pConnection*/) {}
+
+void CTilesDAO::OnUpgrade(CVantryConnection* /*pConnection*/, int /*oldVersion*/, int /*newVersion*/) {}
+
+bool CTilesDAO::SelectQuery(PT_CONSUMER_SELECT_IN_PARAM& in, PT_CONSUMER_SELECT_OUT_PARAM& out) {
+    ConnectDB(READ_ONLY, TILES_DB_PATH, TILES_DB_NAME, TILES_DB_VERSION);
+    if (m_database == nullptr) {
+        // Kept: the one line without a tag.
+        VANTRY_LOGF_TAGGED(static_cast<const char*>(nullptr), VANTRY_HERE, DLOG_ERROR, "%s",
+                           "DB connection failed");
+        return false;
+    }
+    const std::string table = GetTableNameFromUri(in.uri);
+    out.cursor = m_database->SelectRequest(table, in.projection, in.selection, in.selectionArgs, in.sortOrder,
+                                           in.extraClause);
+    return true;
+}

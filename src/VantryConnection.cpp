@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <iterator>
@@ -246,6 +247,35 @@ void RunTransactionStatement(CVantryConnection& connection, sqlite3* db, const c
     }
 }
 
+void CloseWithStatements(sqlite3* db) {
+    while (sqlite3_stmt* statement = sqlite3_next_stmt(db, nullptr)) {
+        sqlite3_finalize(statement);
+    }
+    sqlite3_close(db);
+}
+
+// Copies an open database into a file, in one pass. Returns SQLite's code.
+int CopyInto(sqlite3* source, const std::string& target, const LogPlace& place) {
+    VANTRY_LOG_AT(place, DLOG_DEBUG, "CopyDBFile is working 1");
+    sqlite3* targetDb = nullptr;
+    const int opened =
+        sqlite3_open_v2(target.c_str(), &targetDb, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    if (opened != SQLITE_OK) {
+        // Kept: the handle of the failed open is not closed.
+        return opened;
+    }
+    sqlite3_backup* const backup = sqlite3_backup_init(targetDb, "main", source, "main");
+    VANTRY_LOG_AT(place, DLOG_DEBUG, "CopyDBFile is working 2");
+    if (backup != nullptr) {
+        sqlite3_backup_step(backup, -1);
+        sqlite3_backup_finish(backup);
+    }
+    // The copy leaves its error with the target.
+    const int code = sqlite3_errcode(targetDb);
+    CloseWithStatements(targetDb);
+    return code;
+}
+
 // A cursor over a prepared select, with all rows in its cache where they are wanted at once.
 std::shared_ptr<ISQLiteCursor> MakeCursor(sqlite3* db, StatementHandle statement, bool preload,
                                           bool clearBindings) {
@@ -265,7 +295,7 @@ std::shared_ptr<ISQLiteCursor> MakeCursor(sqlite3* db, StatementHandle statement
 
 }  // namespace
 
-// ---- Locks ------------------------------------------------------------------------------------------------
+// ---- Locks --------------------------------------------------------------------------------------------
 
 CDBLock::CDBLock() : m_mutex() { pthread_mutex_init(&m_mutex, nullptr); }
 
@@ -295,7 +325,7 @@ CDBLocalScopedLock::~CDBLocalScopedLock() {
     }
 }
 
-// ---- Open and close ---------------------------------------------------------------------------------------
+// ---- Open and close -----------------------------------------------------------------------------------
 
 CVantryConnection::CVantryConnection()
     : m_pLock(nullptr), m_openMode(0), m_foreignKeysEnabled(false), m_pDB(nullptr) {
@@ -456,7 +486,7 @@ int CVantryConnection::ConvertSQLiteErrorToVantryError(int code) {
     return index < COUNT ? RESULTS[index] : RESULT_UNKNOWN;
 }
 
-// ---- Run and bind -----------------------------------------------------------------------------------------
+// ---- Run and bind -------------------------------------------------------------------------------------
 
 int CVantryConnection::ExcuteSQL(const std::string& sql, std::string& error) {
     const CDBLocalScopedLock guard(m_pLock);
@@ -606,7 +636,7 @@ void CVantryConnection::SetForeignKeyConstraintsEnabled(bool enable) {
     VANTRY_LOGF(DLOG_DEBUG, "Foreign key is turned %s", m_foreignKeysEnabled ? "ON" : "OFF");
 }
 
-// ---- Transactions -----------------------------------------------------------------------------------------
+// ---- Transactions -------------------------------------------------------------------------------------
 
 void CVantryConnection::BeginTransaction(bool exclusive) {
     if (!CheckHandle(m_pDB, VANTRY_HERE)) {
@@ -642,7 +672,7 @@ void CVantryConnection::EndTransaction(bool commit) {
     }
 }
 
-// ---- Select -----------------------------------------------------------------------------------------------
+// ---- Select -------------------------------------------------------------------------------------------
 
 std::string CVantryConnection::CreateSelectStatement(const std::string& table,
                                                      const std::vector<std::string>& projection,
@@ -745,7 +775,7 @@ std::shared_ptr<ISQLiteCursor> CVantryConnection::SelectRequest(
     return SelectRequest(table, projection, where, arguments, order, extra, true);
 }
 
-// ---- Insert -----------------------------------------------------------------------------------------------
+// ---- Insert -------------------------------------------------------------------------------------------
 
 void CVantryConnection::ConvertBundleToMap(const char* key, int type, const keyval_t* value, void* userData) {
     if (userData == nullptr || value == nullptr || key == nullptr) {
@@ -825,7 +855,7 @@ int CVantryConnection::InsertRequest(const std::string& table, _bundle_t* pBundl
     return InsertWithOnConflict(table, pBundle, 0);
 }
 
-// ---- Update -----------------------------------------------------------------------------------------------
+// ---- Update -------------------------------------------------------------------------------------------
 
 std::string CVantryConnection::CreateUpdateStatement(const std::string& table, _bundle_t* pBundle,
                                                      const std::string& where, int conflict) {
@@ -920,7 +950,7 @@ int CVantryConnection::UpdateRequest(const std::string& table, _bundle_t* pBundl
     return UpdateWithOnConflict(table, pBundle, where, std::move(arguments), 0);
 }
 
-// ---- Delete -----------------------------------------------------------------------------------------------
+// ---- Delete -------------------------------------------------------------------------------------------
 
 std::string CVantryConnection::CreateDeleteStatement(const std::string& table, const std::string& where) {
     try {
@@ -959,4 +989,52 @@ int CVantryConnection::DeleteRequest(const std::string& table, const std::string
     }
     std::string error;
     return RunWrite(*this, sql, arguments, error, VANTRY_HERE).Result();
+}
+
+// ---- Files --------------------------------------------------------------------------------------------
+
+bool CVantryConnection::DeleteDatabase(const std::string& path, const std::string& name) {
+    try {
+        const std::string file = path + name;
+        const std::string files[] = {file, file + "-journal", file + "-shm", file + "-wal"};
+        for (const std::string& each : files) {
+            if (std::remove(each.c_str()) != 0) {
+                // Kept: the files after it stay.
+                VANTRY_LOGF(DLOG_DEBUG, " Deleted Failed(%s)", each.c_str());
+                return false;
+            }
+            VANTRY_LOGF(DLOG_DEBUG, " Deleted (%s)", each.c_str());
+        }
+        return true;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return false;
+    }
+}
+
+bool CVantryConnection::CopyDBFile(std::string source, std::string target, bool closeFirst) {
+    VANTRY_LOGF(DLOG_DEBUG, "CopyDBFile start \n src : %s , target : %s", source.c_str(), target.c_str());
+    if (source.empty() || target.empty()) {
+        VANTRY_LOG(DLOG_INFO, "Wrong parameters");
+        return false;
+    }
+    if (closeFirst && IsOpen()) {
+        CloseDB();
+    }
+    sqlite3* sourceDb = nullptr;
+    int code = sqlite3_open_v2(source.c_str(), &sourceDb, SQLITE_OPEN_READWRITE, nullptr);
+    if (code == SQLITE_OK) {
+        code = CopyInto(sourceDb, target, VANTRY_HERE);
+        VANTRY_LOG(DLOG_DEBUG, "CopyDBFile is working 3");
+    } else if (sourceDb != nullptr) {
+        VANTRY_LOGF(DLOG_INFO, "Failed to copy DB : %s, ERRMSG: %s", source.c_str(),
+                    sqlite3_errmsg(sourceDb));
+    } else {
+        VANTRY_LOGF(DLOG_INFO, "Failed to copy DB : %s, return code : %d", source.c_str(), code);
+    }
+    if (sourceDb != nullptr) {
+        CloseWithStatements(sourceDb);
+    }
+    VANTRY_LOG(DLOG_DEBUG, "CopyDBFile is working end");
+    return code == SQLITE_OK;
 }
