@@ -82,6 +82,7 @@ extern "C" int __dlog_print(log_id_t /*log_id*/, int priority, const char* tag, 
     va_start(arguments, format);
     va_list again;
     va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it loses sight of the list at va_copy
     const int length = std::vsnprintf(nullptr, 0, format, arguments);
     va_end(arguments);
 
@@ -96,7 +97,7 @@ extern "C" int __dlog_print(log_id_t /*log_id*/, int priority, const char* tag, 
         const std::unique_ptr<char[]> line(new (std::nothrow) char[headSize + 5 * textSize + 2]);
         if (line) {
             char* const text = line.get() + headSize + 4 * textSize + 1;
-            std::vsnprintf(text, textSize + 1, format, again);
+            static_cast<void>(std::vsnprintf(text, textSize + 1, format, again));
             std::size_t used = 0;
             for (std::size_t i = 0; i < headSize; ++i) {
                 used += IsControl(head[i]) ? 0 : PutEscaped(line.get() + used, head[i]);

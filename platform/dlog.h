@@ -36,6 +36,7 @@ typedef enum {
  * @param tag  may be null.
  * @return the bytes written; 0 for a dropped line; negative when the line could not be made or written.
  */
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the platform's name
 int __dlog_print(log_id_t log_id, int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5), visibility("default")));
 

@@ -29,6 +29,9 @@ int CSharedQueryObject::m_requestId = 0;
 namespace {
 
 constexpr int FIELD_BYTES = 4;
+// The two counts of a block; the type and the length of a cell.
+constexpr std::size_t BLOCK_HEAD_BYTES = 8;
+constexpr std::size_t CELL_HEAD_BYTES = 8;
 constexpr int NUMBER_BYTES = 8;
 // 2 MiB, and what column names and field widths may add to a full row cache.
 constexpr int MAX_SHM_SIZE = 2098175;
@@ -192,10 +195,9 @@ std::unique_ptr<CDbColumn> ReadCell(BlockReader& reader) {
 
 // A whole row, or null when the block ends before it does.
 std::unique_ptr<CDbRow> ReadRow(BlockReader& reader, std::int32_t columnCount) {
-    constexpr std::size_t LEAST_CELL_BYTES = 2 * FIELD_BYTES;
     auto row = std::make_unique<CDbRow>();
     row->columns.reserve(
-        std::min(static_cast<std::size_t>(columnCount), reader.Remaining() / LEAST_CELL_BYTES));
+        std::min(static_cast<std::size_t>(columnCount), reader.Remaining() / CELL_HEAD_BYTES));
     for (std::int32_t i = 0; i < columnCount; ++i) {
         auto column = ReadCell(reader);
         if (!column) {
@@ -242,7 +244,7 @@ struct CSharedQueryObject::Source {
 
     // The length of the block in bytes.
     std::uint64_t Length() const {
-        std::uint64_t length = 2 * FIELD_BYTES;
+        std::uint64_t length = BLOCK_HEAD_BYTES;
         for (const std::string& name : cache->columnNames) {
             length += FIELD_BYTES + name.size() + 1;
         }
@@ -250,7 +252,7 @@ struct CSharedQueryObject::Source {
             for (int column = 0; column < columnCount; ++column) {
                 const CDbColumn& cell = Cell(*row, column);
                 length +=
-                    2 * FIELD_BYTES + static_cast<std::uint64_t>(cell.size) + (EndsInZero(cell.type) ? 1 : 0);
+                    CELL_HEAD_BYTES + static_cast<std::uint64_t>(cell.size) + (EndsInZero(cell.type) ? 1 : 0);
             }
         }
         return length;

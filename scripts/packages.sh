@@ -1,0 +1,31 @@
+# Sourced by the scripts: makes sure that Debian packages are there.
+
+# need PACKAGE ... installs what is missing with apt; where that cannot be, names the packages and stops.
+need() {
+    local missing=() package
+    for package in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q '^install ok installed'; then
+            missing+=("$package")
+        fi
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    local as_root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        as_root=(sudo)
+    fi
+    if ! command -v apt-get >/dev/null || { [ ${#as_root[@]} -gt 0 ] && ! command -v sudo >/dev/null; }; then
+        echo "These Debian packages, or what your system calls them, are missing: ${missing[*]}" >&2
+        echo "Install them and start again." >&2
+        exit 1
+    fi
+    echo "Installing ${missing[*]} ..."
+    "${as_root[@]}" apt-get update -q >/dev/null
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libsqlite3-dev)
+EXAMPLE_PACKAGES=(nlohmann-json3-dev)
+TEST_PACKAGES=(libgtest-dev libgmock-dev sqlite3)
+FUZZ_PACKAGES=(clang llvm)
+CHECK_PACKAGES=(clang-format clang-tidy)
