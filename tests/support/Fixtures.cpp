@@ -44,7 +44,8 @@ void TempDir::Write(const std::string& name, const std::string& content) const {
 }
 
 RawDb::RawDb(const std::string& path) {
-    Check(sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) == SQLITE_OK,
+    Check(sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) ==
+              SQLITE_OK,
           path, m_db);
 }
 

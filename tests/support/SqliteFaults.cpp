@@ -69,9 +69,10 @@ void Remember(const char* sql, int length, const void* caller) {
 #define CALLER __builtin_return_address(0)
 #define REAL(function) \
     static const auto real = reinterpret_cast<decltype(&function)>(support::NextSymbol(#function))
-#define ANSWER(function)                            \
-    int code = 0;                                   \
-    if (Answered(#function, CALLER, code)) return code; \
+#define ANSWER(function)                   \
+    int code = 0;                          \
+    if (Answered(#function, CALLER, code)) \
+        return code;                       \
     REAL(function)
 
 extern "C" {
@@ -90,7 +91,8 @@ int sqlite3_close(sqlite3* db) {
     return real(db);
 }
 
-int sqlite3_prepare_v2(sqlite3* db, const char* sql, int length, sqlite3_stmt** statement, const char** tail) {
+int sqlite3_prepare_v2(sqlite3* db, const char* sql, int length, sqlite3_stmt** statement,
+                       const char** tail) {
     Remember(sql, length, CALLER);
     ANSWER(sqlite3_prepare_v2);
     return real(db, sql, length, statement, tail);
@@ -123,7 +125,8 @@ int sqlite3_finalize(sqlite3_stmt* statement) {
     return real(statement);
 }
 
-int sqlite3_bind_text(sqlite3_stmt* statement, int index, const char* text, int length, void (*destroy)(void*)) {
+int sqlite3_bind_text(sqlite3_stmt* statement, int index, const char* text, int length,
+                      void (*destroy)(void*)) {
     ANSWER(sqlite3_bind_text);
     return real(statement, index, text, length, destroy);
 }
