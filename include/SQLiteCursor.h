@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -56,7 +57,8 @@ public:
 
     /// Goes to the first row; on a result without rows, asks the database again.
     ///
-    /// @return as MoveNextStep().
+    /// @return as MoveNextStep(). Kept: when the first row was evicted, the getters read that empty row, while
+    ///         GetCurrentRowIndex() stays where it was.
     virtual int MoveFirstStep() = 0;
 
     /// Steps to the end of the result and goes to the last row.
@@ -127,6 +129,11 @@ public:
     /// Releases the value.
     ~CDbColumn();
 
+    /// Objects come from a pool: a result has very many of them. No lock; any thread may release what another made.
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, std::size_t size) noexcept;
+
     /// SQLite's type code: 1 integer, 2 float, 3 text, 4 blob, 5 null.
     int type = SQLITE_NULL;
     /// Bytes of the value: 8 for numbers, the length without terminator for text and blobs.
@@ -144,6 +151,11 @@ public:
     CDbRow& operator=(const CDbRow&) = delete;
     /// Releases the columns, those of an evicted row included.
     ~CDbRow();
+
+    /// Objects come from a pool, as those of CDbColumn.
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, std::size_t size) noexcept;
 
     /// The row's values in column order, owned; empty once the row is evicted.
     std::vector<CDbColumn*> columns;
@@ -302,9 +314,10 @@ protected:
 private:
     friend class CSharedQueryObject;
 
-    int StandOn(CDbRow* row, int index);
-    int FillRow(CDbRow& row, const vantry::LogPlace& place);
-    int CacheCurrentRow(bool recordNames, const vantry::LogPlace& place);
+    VANTRY_LOCAL int StandOn(CDbRow* row, int index);
+    VANTRY_LOCAL int FillRow(CDbRow& row, const vantry::LogPlace& place);
+    VANTRY_LOCAL int CacheCurrentRow(bool recordNames, const vantry::LogPlace& place);
+    VANTRY_LOCAL int RecordNames(const vantry::LogPlace& place);
 };
 
 #endif

@@ -136,12 +136,12 @@ protected:
     std::vector<char> m_buffer;
 
 private:
-    struct Source;
+    struct VANTRY_LOCAL Source;
 
-    void CloseDescriptor();
-    void AbandonSegment();
-    static int FindSource(const std::shared_ptr<ISQLiteCursor>& pCursor, const vantry::LogPlace& place,
-                          Source& source);
+    VANTRY_LOCAL void CloseDescriptor();
+    VANTRY_LOCAL void AbandonSegment();
+    VANTRY_LOCAL static int FindSource(const std::shared_ptr<ISQLiteCursor>& pCursor,
+                                       const vantry::LogPlace& place, Source& source);
 
     /// Whether `m_fd` is open and to be closed here.
     bool m_fdOpen = false;

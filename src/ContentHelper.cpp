@@ -29,6 +29,8 @@ std::string Format(Number value, const vantry::LogPlace& place) {
     try {
         std::ostringstream stream;
         stream.imbue(std::locale::classic());
+        // A stream that runs out of memory keeps it to itself otherwise.
+        stream.exceptions(std::ios_base::badbit);
         stream << value;
         return stream.str();
     } catch (const std::exception&) {

@@ -30,7 +30,9 @@ constexpr std::size_t DirectoryLength(const char* path) {
 
 #define VANTRY_FILE \
     (&__FILE__[std::integral_constant<std::size_t, ::vantry::DirectoryLength(__FILE__)>::value])
+// The operation that stands round it; an operation by its name, for what it shares with others.
 #define VANTRY_HERE (::vantry::LogPlace{VANTRY_FILE, __func__, __LINE__})
+#define VANTRY_PLACE(function) (::vantry::LogPlace{VANTRY_FILE, function, __LINE__})
 
 // The one place that writes a line.
 #define VANTRY_LOGF_TAGGED(tag, place, priority, format, ...)                                        \

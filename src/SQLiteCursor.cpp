@@ -11,6 +11,7 @@
 #include "BusyRetry.h"
 #include "Log.h"
 #include "ResultCodes.h"
+#include "SlabPool.h"
 
 using vantry::CallWhileBusy;
 using vantry::LogPlace;
@@ -41,6 +42,31 @@ enum ColumnType {
     TYPE_UNDEFINED
 };
 
+// The pool holds objects of the class itself; a class derived from it is larger, and takes the common way.
+template <typename Object>
+void* TryAllocate(std::size_t size) noexcept {
+    return size == sizeof(Object) ? vantry::SlabPool<sizeof(Object)>::Allocate()
+                                  : ::operator new(size, std::nothrow);
+}
+
+template <typename Object>
+void* Allocate(std::size_t size) {
+    void* const memory = TryAllocate<Object>(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+template <typename Object>
+void Release(void* memory, std::size_t size) noexcept {
+    if (size == sizeof(Object)) {
+        vantry::SlabPool<sizeof(Object)>::Release(memory);
+    } else {
+        ::operator delete(memory);
+    }
+}
+
 void DeleteColumns(std::vector<CDbColumn*>& columns) {
     for (CDbColumn* column : columns) {
         delete column;
@@ -55,12 +81,17 @@ int AddSizes(int left, int right) {
     return sum > std::numeric_limits<int>::max() ? std::numeric_limits<int>::max() : static_cast<int>(sum);
 }
 
-// Gives a column its value: a copy of `size` bytes, and one zero byte behind them. Without memory, SQLite's
-// own (null bytes) or ours, the column keeps its type and stays empty.
-void SetValue(CDbColumn& column, const void* bytes, int size, const LogPlace& place) {
+using ColumnPool = vantry::SlabPool<sizeof(CDbColumn)>;
+
+// A value that is copied out of SQLite is AddColumnCache()'s work, whoever asks for it.
+const LogPlace COLUMN_PLACE = VANTRY_PLACE("AddColumnCache");
+
+// Gives a column its value: a copy of `size` bytes, and one zero byte behind them. Without memory, SQLite's own
+// (null bytes) or ours, the column keeps its type and stays empty.
+void SetValue(CDbColumn& column, const void* bytes, int size) {
     column.value = bytes != nullptr ? new (std::nothrow) char[static_cast<std::size_t>(size) + 1] : nullptr;
     if (column.value == nullptr) {
-        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        VANTRY_LOG_AT(COLUMN_PLACE, DLOG_INFO, vantry::NO_MEMORY_TEXT);
         return;
     }
     std::memcpy(column.value, bytes, static_cast<std::size_t>(size));
@@ -68,23 +99,75 @@ void SetValue(CDbColumn& column, const void* bytes, int size, const LogPlace& pl
     column.size = size;
 }
 
+// The same for a number.
+template <typename Number>
+void SetNumber(CDbColumn& column, Number number) {
+    static_assert(sizeof number == NUMBER_BYTES);
+    column.value = new (std::nothrow) char[NUMBER_BYTES + 1];
+    if (column.value == nullptr) {
+        VANTRY_LOG_AT(COLUMN_PLACE, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return;
+    }
+    std::memcpy(column.value, &number, NUMBER_BYTES);
+    column.value[NUMBER_BYTES] = '\0';
+    column.size = NUMBER_BYTES;
+}
+
+// Copies a value of the statement's current row.
+void CopyValue(CDbColumn& entry, sqlite3_stmt* statement, int column) {
+    entry.type = sqlite3_column_type(statement, column);
+    switch (entry.type) {
+        case SQLITE_INTEGER:
+            SetNumber(entry, sqlite3_column_int64(statement, column));
+            break;
+        case SQLITE_FLOAT:
+            SetNumber(entry, sqlite3_column_double(statement, column));
+            break;
+        case SQLITE_TEXT: {
+            // The text first: asking for it settles the encoding, and so the length.
+            const unsigned char* const text = sqlite3_column_text(statement, column);
+            SetValue(entry, text, sqlite3_column_bytes(statement, column));
+            break;
+        }
+        case SQLITE_BLOB: {
+            const void* const blob = sqlite3_column_blob(statement, column);
+            const int size = sqlite3_column_bytes(statement, column);
+            // SQLite gives no address for an empty blob.
+            SetValue(entry, size == 0 ? "" : blob, size);
+            break;
+        }
+        case SQLITE_NULL:
+            entry.size = sqlite3_column_bytes(statement, column);
+            break;
+        default:
+            VANTRY_LOG_AT(COLUMN_PLACE, DLOG_INFO, "The column type is invalid.");
+            break;
+    }
+}
+
 // The row at a position, or null: looked for from the nearest of the list's two ends and the place where the
 // last search ended, so that a step to a neighbour costs the same in a result of any length.
 CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
+    // Nearly every search is for a neighbour of a place that is known.
+    if (cache.placeIndex >= 1 && index == cache.placeIndex - 1) {
+        cache.placeIndex = index;
+        return *--cache.place;
+    }
     const auto count = static_cast<std::ptrdiff_t>(cache.rows.size());
     if (index < 0 || index >= count) {
         return nullptr;
     }
-    auto row = cache.rows.begin();
-    std::ptrdiff_t distance = index;
-    if (count - index < distance) {
-        row = cache.rows.end();
-        distance = index - count;
+    if (cache.placeIndex >= 0 && index == cache.placeIndex + 1) {
+        cache.placeIndex = index;
+        return *++cache.place;
     }
-    if (cache.placeIndex >= 0 && cache.placeIndex < count &&
-        std::abs(index - cache.placeIndex) < std::abs(distance)) {
+    const bool fromEnd = count - index < index;
+    auto row = fromEnd ? cache.rows.end() : cache.rows.begin();
+    std::ptrdiff_t distance = fromEnd ? index - count : index;
+    const std::ptrdiff_t fromPlace = index - cache.placeIndex;
+    if (cache.placeIndex >= 0 && cache.placeIndex < count && std::abs(fromPlace) < std::abs(distance)) {
         row = cache.place;
-        distance = index - cache.placeIndex;
+        distance = fromPlace;
     }
     std::advance(row, distance);
     cache.place = row;
@@ -102,7 +185,8 @@ int CheckColumn(const CSQLiteCursorCache* cache, int column, const LogPlace& pla
         VANTRY_LOG_AT(place, DLOG_INFO, NO_ROW_TEXT);
         return vantry::RESULT_NOT_ACTIVE;
     }
-    if (column < 0 || static_cast<std::size_t>(column) >= cache->currentRow->columns.size()) {
+    // A negative number is a very great one here.
+    if (static_cast<unsigned>(column) >= cache->currentRow->columns.size()) {
         VANTRY_LOG_AT(place, DLOG_INFO, OUT_OF_RANGE_TEXT);
         return vantry::RESULT_INVALID;
     }
@@ -156,18 +240,31 @@ ISQLiteCursor::~ISQLiteCursor() = default;
 
 CDbColumn::~CDbColumn() { delete[] value; }
 
+void* CDbColumn::operator new(std::size_t size) { return Allocate<CDbColumn>(size); }
+void* CDbColumn::operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return TryAllocate<CDbColumn>(size);
+}
+void CDbColumn::operator delete(void* memory, std::size_t size) noexcept { Release<CDbColumn>(memory, size); }
+
 CDbRow::~CDbRow() {
     DeleteColumns(columns);
     DeleteColumns(evictedColumns);
 }
+
+void* CDbRow::operator new(std::size_t size) { return Allocate<CDbRow>(size); }
+void* CDbRow::operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return TryAllocate<CDbRow>(size);
+}
+void CDbRow::operator delete(void* memory, std::size_t size) noexcept { Release<CDbRow>(memory, size); }
 
 CSQLiteCursorCache::CSQLiteCursorCache() : place(rows.end()), lastEvicted(rows.end()) {}
 
 CSQLiteCursorCache::~CSQLiteCursorCache() {
     cacheSize = 0;
     currentRow = nullptr;
-    for (CDbRow* row : rows) {
-        delete row;
+    // Newest first: what was allocated in this order comes back to the allocator in order.
+    for (auto row = rows.rbegin(); row != rows.rend(); ++row) {
+        delete *row;
     }
 }
 
@@ -269,7 +366,10 @@ int CSQLiteCursor::MoveFirstStep() {
 
 int CSQLiteCursor::MoveLastStep() {
     if (m_pCache == nullptr) {
-        MoveNextStep();
+        const int first = MoveNextStep();
+        if (m_pCache == nullptr && first == vantry::RESULT_NO_MEMORY) {
+            return first;
+        }
         CreateCacheTillEnd();
         // Kept: one step past the end, which starts the statement over.
         return MoveNextStep();
@@ -338,58 +438,32 @@ CDbColumn* CSQLiteCursor::AddColumnCache(int column) {
         VANTRY_LOG(DLOG_INFO, NOT_CONSTRUCTED_TEXT);
         return entry;
     }
-    entry->type = sqlite3_column_type(m_pStmt, column);
-    switch (entry->type) {
-        case SQLITE_INTEGER: {
-            const std::int64_t number = sqlite3_column_int64(m_pStmt, column);
-            SetValue(*entry, &number, NUMBER_BYTES, VANTRY_HERE);
-            break;
-        }
-        case SQLITE_FLOAT: {
-            const double number = sqlite3_column_double(m_pStmt, column);
-            SetValue(*entry, &number, NUMBER_BYTES, VANTRY_HERE);
-            break;
-        }
-        case SQLITE_TEXT: {
-            // The text first: asking for it settles the encoding, and so the length.
-            const unsigned char* text = sqlite3_column_text(m_pStmt, column);
-            SetValue(*entry, text, sqlite3_column_bytes(m_pStmt, column), VANTRY_HERE);
-            break;
-        }
-        case SQLITE_BLOB: {
-            const void* blob = sqlite3_column_blob(m_pStmt, column);
-            const int size = sqlite3_column_bytes(m_pStmt, column);
-            // SQLite gives no address for an empty blob.
-            SetValue(*entry, size == 0 ? "" : blob, size, VANTRY_HERE);
-            break;
-        }
-        case SQLITE_NULL:
-            entry->size = sqlite3_column_bytes(m_pStmt, column);
-            break;
-        default:
-            VANTRY_LOG(DLOG_INFO, "The column type is invalid.");
-            break;
-    }
+    CopyValue(*entry, m_pStmt, column);
     return entry;
 }
 
 // Copies the statement's current row into `row`; on failure the row stays empty.
 int CSQLiteCursor::FillRow(CDbRow& row, const LogPlace& place) {
-    int size = 0;
     try {
-        row.columns.reserve(static_cast<std::size_t>(m_columnCount));
+        row.columns.resize(static_cast<std::size_t>(m_columnCount));
     } catch (const std::exception&) {
         VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
         return vantry::RESULT_NO_MEMORY;
     }
-    for (int column = 0; column < m_columnCount; ++column) {
-        CDbColumn* const entry = AddColumnCache(column);
-        if (entry == nullptr) {
+    ColumnPool::Batch cells;
+    int column = 0;
+    int size = 0;
+    for (CDbColumn*& entry : row.columns) {
+        void* const cell = cells.Allocate();
+        if (cell == nullptr) {
+            VANTRY_LOG_AT(COLUMN_PLACE, DLOG_INFO, vantry::NO_MEMORY_TEXT);
             DeleteColumns(row.columns);
             return vantry::RESULT_NO_MEMORY;
         }
-        row.columns.push_back(entry);
+        entry = ::new (cell) CDbColumn;
+        CopyValue(*entry, m_pStmt, column);
         size = AddSizes(size, entry->size);
+        ++column;
     }
     row.size = size;
     return vantry::RESULT_OK;
@@ -397,19 +471,10 @@ int CSQLiteCursor::FillRow(CDbRow& row, const LogPlace& place) {
 
 // Everything that may run out of memory comes first, so that a row is cached whole or not at all.
 int CSQLiteCursor::CacheCurrentRow(bool recordNames, const LogPlace& place) {
-    std::list<std::string> names;
-    std::list<CDbRow*> link;
+    CSQLiteCursorCache& cache = *m_pCache;
     std::unique_ptr<CDbRow> row;
-    int nameBytes = 0;
+    std::list<CDbRow*> link;
     try {
-        for (int column = 0; recordNames && column < m_columnCount; ++column) {
-            const char* name = sqlite3_column_name(m_pStmt, column);
-            if (name == nullptr) {
-                throw std::bad_alloc();
-            }
-            names.emplace_back(name);
-            nameBytes = AddSizes(nameBytes, static_cast<int>(names.back().size()));
-        }
         row = std::make_unique<CDbRow>();
         link.push_back(row.get());
     } catch (const std::exception&) {
@@ -420,20 +485,45 @@ int CSQLiteCursor::CacheCurrentRow(bool recordNames, const LogPlace& place) {
     if (filled != vantry::RESULT_OK) {
         return filled;
     }
-    CSQLiteCursorCache& cache = *m_pCache;
-    cache.columnNames.splice(cache.columnNames.end(), names);
-    cache.cacheSize = AddSizes(AddSizes(cache.cacheSize, nameBytes), row->size);
+    if (recordNames) {
+        const int recorded = RecordNames(place);
+        if (recorded != vantry::RESULT_OK) {
+            return recorded;
+        }
+    }
+    cache.cacheSize = AddSizes(cache.cacheSize, row->size);
     // Before the new row is linked: it is never evicted on its own arrival.
-    if (ForceGetCacheSize()) {
+    if (IsCachesFull() && ForceGetCacheSize()) {
         VANTRY_LOG_AT(
             place, DLOG_INFO,
-            " Cache memory is not enough. Removing old rows in FIFO manner till there is enough space for "
-            "the current row");
+            " Cache memory is not enough. Removing old rows in FIFO manner till there is enough space "
+            "for the current row");
     }
     row->isCached = true;
     cache.rows.splice(cache.rows.end(), link);
     cache.currentRow = row.release();
     ++m_currentRowIndex;
+    return vantry::RESULT_OK;
+}
+
+int CSQLiteCursor::RecordNames(const LogPlace& place) {
+    std::list<std::string> names;
+    int bytes = 0;
+    try {
+        for (int column = 0; column < m_columnCount; ++column) {
+            const char* const name = sqlite3_column_name(m_pStmt, column);
+            if (name == nullptr) {
+                throw std::bad_alloc();
+            }
+            names.emplace_back(name);
+            bytes = AddSizes(bytes, static_cast<int>(names.back().size()));
+        }
+    } catch (const std::exception&) {
+        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return vantry::RESULT_NO_MEMORY;
+    }
+    m_pCache->columnNames.splice(m_pCache->columnNames.end(), names);
+    m_pCache->cacheSize = AddSizes(m_pCache->cacheSize, bytes);
     return vantry::RESULT_OK;
 }
 
@@ -453,7 +543,9 @@ int CSQLiteCursor::AddRowCache(bool recordNames) {
     const int code = CallWhileBusy(
         {VANTRY_HERE, "sqlite3_step"}, [this] { return sqlite3_step(m_pStmt); },
         vantry::AfterLastPause::CallOnceMore);
-    sqlite3_data_count(m_pStmt);
+    if (code != SQLITE_OK) {
+        sqlite3_data_count(m_pStmt);
+    }
     if (code == SQLITE_ROW) {
         return CacheCurrentRow(recordNames, VANTRY_HERE);
     }
@@ -554,8 +646,9 @@ CSQLiteCursorCache* CSQLiteCursor::GetCusorCache() { return m_pCache; }
 // ---- Column access ------------------------------------------------------------------------------------
 
 int CSQLiteCursor::GetIntegerData(int column, int& value) {
+    static const LogPlace HERE = VANTRY_HERE;
     std::int64_t number = 0;
-    const int result = FindInteger(m_pCache, column, VANTRY_HERE, number);
+    const int result = FindInteger(m_pCache, column, HERE, number);
     if (result == vantry::RESULT_OK) {
         value = static_cast<int>(static_cast<std::uint32_t>(number));
     }
@@ -563,8 +656,9 @@ int CSQLiteCursor::GetIntegerData(int column, int& value) {
 }
 
 int CSQLiteCursor::GetInteger64Data(int column, long long& value) {
+    static const LogPlace HERE = VANTRY_HERE;
     std::int64_t number = 0;
-    const int result = FindInteger(m_pCache, column, VANTRY_HERE, number);
+    const int result = FindInteger(m_pCache, column, HERE, number);
     if (result == vantry::RESULT_OK) {
         value = number;
     }
@@ -572,8 +666,9 @@ int CSQLiteCursor::GetInteger64Data(int column, long long& value) {
 }
 
 int CSQLiteCursor::GetDoubleData(int column, double& value) {
+    static const LogPlace HERE = VANTRY_HERE;
     const CDbColumn* entry = nullptr;
-    const int result = FindValue(m_pCache, column, SQLITE_FLOAT, VANTRY_HERE, entry);
+    const int result = FindValue(m_pCache, column, SQLITE_FLOAT, HERE, entry);
     if (result == vantry::RESULT_OK) {
         std::memcpy(&value, entry->value, sizeof value);
     }
@@ -581,8 +676,9 @@ int CSQLiteCursor::GetDoubleData(int column, double& value) {
 }
 
 int CSQLiteCursor::GetStringData(int column, std::string& value) {
+    static const LogPlace HERE = VANTRY_HERE;
     const CDbColumn* entry = nullptr;
-    const int result = FindValue(m_pCache, column, SQLITE_TEXT, VANTRY_HERE, entry);
+    const int result = FindValue(m_pCache, column, SQLITE_TEXT, HERE, entry);
     if (result != vantry::RESULT_OK) {
         return result;
     }

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <iterator>
+#include <functional>
 #include <map>
 #include <new>
 #include <string_view>
@@ -39,12 +39,18 @@ constexpr const char* EMPTY_UPDATE_TEXT = "%s Empty data";
 // A macro, so that it can be joined to the line's head.
 #define STEP_ERROR_FORMAT "%s : sqlite3_step returned Error %d, - %s"
 
-// The values are the bundle's; the keys are ordered by their addresses inside it.
-using ColumnMap = std::map<const char*, const char*>;
+// One column of a bundle: the texts are the bundle's own.
+struct Column {
+    std::string_view name;
+    std::string_view value;
+};
 
-// A map of a builder holds this key from the start. A callback that finds no memory for a column cannot stop
-// the visit; it takes the mark's value away, and the builder sees that columns are missing.
-const char* const COMPLETE_MARK = "";
+// What visits a bundle: the columns seen so far. There is room for all of them before the visit, which cannot be
+// stopped.
+struct ColumnList {
+    std::vector<Column> columns;
+    bool complete = true;
+};
 
 // SQLite takes lengths in 32 bits; what is longer than that is longer than its limit too, and refused.
 int ByteLength(std::string_view text) {
@@ -127,67 +133,182 @@ std::string_view BoundText(std::string_view text) {
     return text.size() == 1 ? std::string_view() : text.substr(1, text.size() - 2);
 }
 
-// The columns of a bundle; none when it has none, or when memory did not suffice for all of them. The line
-// that says why is written here.
-ColumnMap ReadColumns(_bundle_t* pBundle, const char* emptyBundleText, const char* noColumnText,
-                      const LogPlace& place) {
-    ColumnMap columns;
-    if (bundle_get_count(pBundle) == 0) {
-        VANTRY_LOG_AT(place, DLOG_INFO, emptyBundleText);
-        return columns;
+// Prepares a statement and binds texts to its placeholders; the lines are those of PrepareBindStatement().
+//
+// `argumentAt` gives the text of an argument, counted from 0.
+template <typename ArgumentAt>
+int PrepareAndBind(sqlite3* db, sqlite3_stmt** statement, const std::string& sql, std::size_t argumentCount,
+                   ArgumentAt argumentAt, std::string& error) {
+    static const LogPlace place = VANTRY_PLACE("PrepareBindStatement");
+    if (!CheckHandle(db, place)) {
+        return vantry::RESULT_INVALID;
     }
-    const auto mark = columns.emplace(COMPLETE_MARK, COMPLETE_MARK).first;
-    bundle_foreach(pBundle, CVantryConnection::ConvertBundleToMap, &columns);
-    if (mark->second == nullptr) {
-        columns.clear();
-        return columns;
+    if (statement == nullptr) {
+        VANTRY_LOG_AT(place, DLOG_INFO, NO_STATEMENT_HANDLE_TEXT);
+        return vantry::RESULT_INVALID;
     }
-    columns.erase(mark);
-    if (columns.empty()) {
-        VANTRY_LOG_AT(place, DLOG_INFO, noColumnText);
+    int code = Prepare(db, sql, statement, nullptr, {place, "sqlite3_prepare_v2"});
+    if (code != SQLITE_OK) {
+        CopyMessage(db, error, place);
+        VANTRY_LOGF_AT(place, DLOG_INFO, "sqlite3_prepare_v2 : SQLite3 Error - %s", error.c_str());
+        return CVantryConnection::ConvertSQLiteErrorToVantryError(code);
     }
-    return columns;
+    for (std::size_t i = 0; i < argumentCount; ++i) {
+        const int index = static_cast<int>(i) + 1;
+        const std::string_view text = BoundText(argumentAt(i));
+        const int length = ByteLength(text);
+        // The address of an empty view may be null, which would bind NULL.
+        const char* const bytes = text.empty() ? "" : text.data();
+        code = sqlite3_bind_text(*statement, index, bytes, length,
+                                 SQLITE_TRANSIENT);  // NOLINT(performance-no-int-to-ptr): SQLite's constant
+        if (code == SQLITE_OK) {
+            VANTRY_LOGF_AT(place, DLOG_DEBUG, "[bind index %d] sqlite3_bind_text :  [%.*s]", index, length,
+                           bytes);
+        } else {
+            VANTRY_LOGF_AT(place, DLOG_INFO, "[bind index%d] sqlite3_bind_text() has an error : %s", index,
+                           sqlite3_errmsg(db));
+        }
+    }
+    return CVantryConnection::ConvertSQLiteErrorToVantryError(code);
 }
 
-enum class Values { Written, Bound };
+// The text of a bundle's entry that is a column; null for one that is none, with the lines that say so.
+const char* ReadEntry(const char* key, int type, const keyval_t* value) {
+    static const LogPlace place = VANTRY_PLACE("ConvertBundleToMap");
+    // The platform's readers take the entry without const, and do not change it.
+    auto* const entry = const_cast<keyval_t*>(value);
+    switch (type) {
+        case BUNDLE_TYPE_STR:
+        case BUNDLE_TYPE_BYTE: {
+            void* text = nullptr;
+            std::size_t size = 0;
+            bundle_keyval_get_basic_val(entry, &text, &size);
+            if (std::strcmp(key, TilesModel::EVENT_TILES_SYNC_KEY.c_str()) == 0) {
+                VANTRY_LOG_AT(place, DLOG_DEBUG, "Skip this bundle - reserved item");
+                return nullptr;
+            }
+            return text != nullptr ? static_cast<const char*>(text) : "";
+        }
+        case BUNDLE_TYPE_STR_ARRAY: {
+            VANTRY_LOGF_AT(place, DLOG_DEBUG, "Found STR_ARRAY -KEY: %s", key);
+            void** texts = nullptr;
+            unsigned int length = 0;
+            std::size_t* sizes = nullptr;
+            bundle_keyval_get_array_val(entry, &texts, &length, &sizes);
+            VANTRY_LOGF_AT(place, DLOG_DEBUG, "-Array len: %d", static_cast<int>(length));
+            for (unsigned int i = 0; texts != nullptr && i < length; ++i) {
+                VANTRY_LOGF_AT(place, DLOG_DEBUG, "-%s",
+                               texts[i] != nullptr ? static_cast<const char*>(texts[i]) : "");
+            }
+            return nullptr;
+        }
+        default:
+            VANTRY_LOG_AT(place, DLOG_DEBUG, "default");
+            return nullptr;
+    }
+}
 
-// Writes a value as it stands in the bundle, or as a placeholder whose argument is kept.
-void AppendValue(std::string& text, const char* value, Values values, std::vector<std::string>& arguments) {
-    if (values == Values::Written) {
-        text += value;
+// The callback of the builders: what ConvertBundleToMap() does, into a list.
+void CollectColumn(const char* key, const int type, const keyval_t* value, void* userData) {
+    auto& list = *static_cast<ColumnList*>(userData);
+    if (value == nullptr || key == nullptr) {
         return;
     }
-    text += '?';
-    arguments.emplace_back(value);
+    const char* const text = ReadEntry(key, type, value);
+    if (text == nullptr) {
+        return;
+    }
+    try {
+        list.columns.push_back({key, text});
+    } catch (const std::exception&) {
+        list.complete = false;
+    }
 }
 
-std::string WriteInsert(const std::string& table, const ColumnMap& columns, int conflict, Values values,
-                        std::vector<std::string>& arguments) {
-    std::string text = "INSERT";
-    text.append(CVantryConnection::CONFLICT_VALUES[conflict]).append("INTO ").append(table);
-    const char* separator = " (";
-    for (const auto& column : columns) {
-        text.append(separator).append(column.first);
+// The columns of a bundle; none when it has none, with the line that says why. Throws when memory runs out.
+std::vector<Column> ReadColumns(_bundle_t* bundle, const char* emptyBundleText, const char* noColumnText,
+                                const LogPlace& place) {
+    ColumnList list;
+    const int count = bundle_get_count(bundle);
+    if (count == 0) {
+        VANTRY_LOG_AT(place, DLOG_INFO, emptyBundleText);
+        return {};
+    }
+    list.columns.reserve(static_cast<std::size_t>(std::max(count, 0)));
+    bundle_foreach(bundle, CollectColumn, &list);
+    if (!list.complete) {
+        throw std::bad_alloc();
+    }
+    if (list.columns.empty()) {
+        VANTRY_LOG_AT(place, DLOG_INFO, noColumnText);
+    }
+    // Kept: the order of the keys' addresses, which is that of the visit where a bundle stores them so; of one key
+    // that is met twice the first value stays.
+    const auto before = [](const Column& left, const Column& right) {
+        return std::less<>()(left.name.data(), right.name.data());
+    };
+    const auto same = [](const Column& left, const Column& right) {
+        return left.name.data() == right.name.data();
+    };
+    if (!std::is_sorted(list.columns.begin(), list.columns.end(), before)) {
+        std::stable_sort(list.columns.begin(), list.columns.end(), before);
+    }
+    list.columns.erase(std::unique(list.columns.begin(), list.columns.end(), same), list.columns.end());
+    return std::move(list.columns);
+}
+
+// Whether a statement holds the values themselves, or placeholders for them.
+enum class Values { Written, Bound };
+
+// Bytes that the columns take in a statement, with room for separators and placeholders.
+std::size_t TextBytes(const std::vector<Column>& columns, Values values) {
+    constexpr std::size_t SEPARATORS = 8;
+    std::size_t bytes = 0;
+    for (const Column& column : columns) {
+        bytes += column.name.size() + SEPARATORS + (values == Values::Written ? column.value.size() : 0);
+    }
+    return bytes;
+}
+
+void AppendValue(std::string& text, const Column& column, Values values) {
+    if (values == Values::Written) {
+        text += column.value;
+    } else {
+        text += '?';
+    }
+}
+
+constexpr std::size_t KEYWORD_BYTES = 64;
+
+std::string WriteInsert(const std::string& table, const std::vector<Column>& columns, int conflict,
+                        Values values) {
+    std::string text;
+    text.reserve(KEYWORD_BYTES + table.size() + TextBytes(columns, values));
+    text.append("INSERT").append(CVantryConnection::CONFLICT_VALUES[conflict]).append("INTO ").append(table);
+    std::string_view separator = " (";
+    for (const Column& column : columns) {
+        text.append(separator).append(column.name);
         separator = ", ";
     }
     separator = ") VALUES (";
-    for (const auto& column : columns) {
+    for (const Column& column : columns) {
         text += separator;
-        AppendValue(text, column.second, values, arguments);
+        AppendValue(text, column, values);
         separator = ", ";
     }
     text += ')';
     return text;
 }
 
-std::string WriteUpdate(const std::string& table, const ColumnMap& columns, const std::string& where,
-                        int conflict, Values values, std::vector<std::string>& arguments) {
-    std::string text = "UPDATE ";
-    text.append(CVantryConnection::CONFLICT_VALUES[conflict]).append(table);
-    const char* separator = " SET ";
-    for (const auto& column : columns) {
-        text.append(separator).append(column.first).append("=");
-        AppendValue(text, column.second, values, arguments);
+std::string WriteUpdate(const std::string& table, const std::vector<Column>& columns,
+                        const std::string& where, int conflict, Values values) {
+    std::string text;
+    text.reserve(KEYWORD_BYTES + table.size() + where.size() + TextBytes(columns, values));
+    text.append("UPDATE ").append(CVantryConnection::CONFLICT_VALUES[conflict]).append(table);
+    std::string_view separator = " SET ";
+    for (const Column& column : columns) {
+        text.append(separator).append(column.name).append("=");
+        AppendValue(text, column, values);
         separator = ", ";
     }
     if (!where.empty()) {
@@ -196,20 +317,49 @@ std::string WriteUpdate(const std::string& table, const ColumnMap& columns, cons
     return text;
 }
 
-std::string BuildInsert(const std::string& table, _bundle_t* pBundle, int conflict, Values values,
-                        std::vector<std::string>& arguments, const LogPlace& place) {
-    try {
-        const ColumnMap columns = ReadColumns(pBundle, "insert data is NULL", NO_INSERT_COLUMN_TEXT, place);
-        if (columns.empty()) {
-            return {};
-        }
-        std::string text = WriteInsert(table, columns, conflict, values, arguments);
-        VANTRY_LOGF_AT(place, DLOG_DEBUG, "CMD : %s", text.c_str());
-        return text;
-    } catch (const std::exception&) {
-        VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
-        return {};
+// A statement about to be run or given out, and the columns whose values belong to its first placeholders. Both stay
+// empty when the bundle has no column.
+struct Statement {
+    std::string text;
+    std::vector<Column> columns;
+};
+
+// Throws when memory runs out.
+Statement BuildInsert(const std::string& table, _bundle_t* bundle, int conflict, Values values,
+                      const LogPlace& place) {
+    Statement statement;
+    statement.columns = ReadColumns(bundle, "insert data is NULL", NO_INSERT_COLUMN_TEXT, place);
+    if (!statement.columns.empty()) {
+        statement.text = WriteInsert(table, statement.columns, conflict, values);
+        VANTRY_LOGF_AT(place, DLOG_DEBUG, "CMD : %s", statement.text.c_str());
     }
+    return statement;
+}
+
+// The arguments of an update: the bundle's values first, those of the where clause after.
+std::string_view MergedArgument(const Statement& statement, const std::vector<std::string>& whereArguments,
+                                std::size_t index) {
+    const std::size_t columnCount = statement.columns.size();
+    return index < columnCount ? statement.columns[index].value
+                               : std::string_view(whereArguments[index - columnCount]);
+}
+
+// Throws when memory runs out.
+Statement BuildUpdate(const std::string& table, _bundle_t* bundle, const std::string& where, int conflict,
+                      const std::vector<std::string>& whereArguments, const LogPlace& place) {
+    Statement statement;
+    statement.columns = ReadColumns(bundle, EMPTY_UPDATE_TEXT, "There is no updating data", place);
+    if (statement.columns.empty()) {
+        return statement;
+    }
+    statement.text = WriteUpdate(table, statement.columns, where, conflict, Values::Bound);
+    for (std::size_t i = 0; i < statement.columns.size() + whereArguments.size(); ++i) {
+        const std::string_view argument = MergedArgument(statement, whereArguments, i);
+        VANTRY_LOGF_AT(place, DLOG_DEBUG, "[UpdateRequest] merged argument [%d] : %.*s", static_cast<int>(i),
+                       ByteLength(argument), argument.data());
+    }
+    VANTRY_LOGF_AT(place, DLOG_DEBUG, "CMD : %s", statement.text.c_str());
+    return statement;
 }
 
 // How a write ended, in raw SQLite codes.
@@ -222,11 +372,13 @@ struct WriteOutcome {
 };
 
 // Prepares a write, binds its arguments, steps and finalises it.
-WriteOutcome RunWrite(CVantryConnection& connection, const std::string& sql,
-                      const std::vector<std::string>& arguments, std::string& error, const LogPlace& place) {
+template <typename ArgumentAt>
+WriteOutcome RunWrite(CVantryConnection& connection, sqlite3* db, const std::string& sql,
+                      std::size_t argumentCount, ArgumentAt argumentAt, std::string& error,
+                      const LogPlace& place) {
     sqlite3_stmt* statement = nullptr;
     // Kept: the result is not examined; without a statement the step and the finalisation fail.
-    connection.PrepareBindStatement(&statement, sql, arguments, error);
+    PrepareAndBind(db, &statement, sql, argumentCount, argumentAt, error);
     const int stepped = StepWrite(statement, error, place);
     const int finalised = connection.FinalizeStatement(statement, error);
     if (finalised != SQLITE_OK) {
@@ -516,36 +668,9 @@ int CVantryConnection::PrepareCMD(const std::string& sql, sqlite3_stmt** ppStmt,
 
 int CVantryConnection::PrepareBindStatement(sqlite3_stmt** ppStmt, const std::string& sql,
                                             const std::vector<std::string>& arguments, std::string& error) {
-    if (!CheckHandle(m_pDB, VANTRY_HERE)) {
-        return vantry::RESULT_INVALID;
-    }
-    if (ppStmt == nullptr) {
-        VANTRY_LOG(DLOG_INFO, NO_STATEMENT_HANDLE_TEXT);
-        return vantry::RESULT_INVALID;
-    }
-    int code = Prepare(m_pDB, sql, ppStmt, nullptr, {VANTRY_HERE, "sqlite3_prepare_v2"});
-    if (code != SQLITE_OK) {
-        CopyMessage(m_pDB, error, VANTRY_HERE);
-        VANTRY_LOGF(DLOG_INFO, "sqlite3_prepare_v2 : SQLite3 Error - %s", error.c_str());
-        return ConvertSQLiteErrorToVantryError(code);
-    }
-    int index = 0;
-    for (const std::string& argument : arguments) {
-        ++index;
-        const std::string_view text = BoundText(argument);
-        const int length = ByteLength(text);
-        // The address of an empty view may be null, which would bind NULL.
-        const char* const bytes = text.empty() ? "" : text.data();
-        code = sqlite3_bind_text(*ppStmt, index, bytes, length,
-                                 SQLITE_TRANSIENT);  // NOLINT(performance-no-int-to-ptr): SQLite's constant
-        if (code == SQLITE_OK) {
-            VANTRY_LOGF(DLOG_DEBUG, "[bind index %d] sqlite3_bind_text :  [%.*s]", index, length, bytes);
-        } else {
-            VANTRY_LOGF(DLOG_INFO, "[bind index%d] sqlite3_bind_text() has an error : %s", index,
-                        sqlite3_errmsg(m_pDB));
-        }
-    }
-    return ConvertSQLiteErrorToVantryError(code);
+    return PrepareAndBind(
+        m_pDB, ppStmt, sql, arguments.size(), [&](std::size_t i) -> std::string_view { return arguments[i]; },
+        error);
 }
 
 std::string CVantryConnection::ToBindText(std::string text) {
@@ -566,15 +691,15 @@ int CVantryConnection::FinalizeStatement(sqlite3_stmt* pStmt, std::string& error
         return vantry::RESULT_INVALID;
     }
     int code = CallWhileBusy({VANTRY_HERE, "sqlite3_reset"}, [=] { return sqlite3_reset(pStmt); });
-    CopyMessage(m_pDB, error, VANTRY_HERE);
     if (code != SQLITE_OK) {
         // Kept, here and below: a raw SQLite code, and the statement stays until the connection closes.
+        CopyMessage(m_pDB, error, VANTRY_HERE);
         VANTRY_LOGF(DLOG_INFO, "[squence1]sqlite3_reset : SQLite3 Error - %s", error.c_str());
         return code;
     }
     code = sqlite3_clear_bindings(pStmt);
-    CopyMessage(m_pDB, error, VANTRY_HERE);
     if (code != SQLITE_OK) {
+        CopyMessage(m_pDB, error, VANTRY_HERE);
         VANTRY_LOGF(DLOG_INFO, "[squence2]sqlite3_clear_bindings : SQLite3 Error - %s", error.c_str());
         return code;
     }
@@ -781,59 +906,43 @@ void CVantryConnection::ConvertBundleToMap(const char* key, int type, const keyv
     if (userData == nullptr || value == nullptr || key == nullptr) {
         return;
     }
-    // The platform's readers take the entry without const, and do not change it.
-    auto* const entry = const_cast<keyval_t*>(value);
-    switch (type) {
-        case BUNDLE_TYPE_STR:
-        case BUNDLE_TYPE_BYTE: {
-            void* text = nullptr;
-            std::size_t size = 0;
-            bundle_keyval_get_basic_val(entry, &text, &size);
-            if (TilesModel::EVENT_TILES_SYNC_KEY == key) {
-                VANTRY_LOG(DLOG_DEBUG, "Skip this bundle - reserved item");
-                return;
-            }
-            auto& columns = *static_cast<ColumnMap*>(userData);
-            try {
-                columns.emplace(key, text != nullptr ? static_cast<const char*>(text) : "");
-            } catch (const std::exception&) {
-                VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
-                const auto mark = columns.find(COMPLETE_MARK);
-                if (mark != columns.end()) {
-                    mark->second = nullptr;
-                }
-            }
-            break;
-        }
-        case BUNDLE_TYPE_STR_ARRAY: {
-            VANTRY_LOGF(DLOG_DEBUG, "Found STR_ARRAY -KEY: %s", key);
-            void** texts = nullptr;
-            unsigned int length = 0;
-            std::size_t* sizes = nullptr;
-            bundle_keyval_get_array_val(entry, &texts, &length, &sizes);
-            VANTRY_LOGF(DLOG_DEBUG, "-Array len: %d", static_cast<int>(length));
-            for (unsigned int i = 0; texts != nullptr && i < length; ++i) {
-                VANTRY_LOGF(DLOG_DEBUG, "-%s", texts[i] != nullptr ? static_cast<const char*>(texts[i]) : "");
-            }
-            break;
-        }
-        default:
-            VANTRY_LOG(DLOG_DEBUG, "default");
-            break;
+    const char* const text = ReadEntry(key, type, value);
+    if (text == nullptr) {
+        return;
+    }
+    try {
+        static_cast<std::map<const char*, const char*>*>(userData)->emplace(key, text);
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
     }
 }
 
 std::string CVantryConnection::CreateInsertStatement(const std::string& table, _bundle_t* pBundle,
                                                      int conflict) {
-    std::vector<std::string> none;
-    return BuildInsert(table, pBundle, conflict, Values::Written, none, VANTRY_HERE);
+    try {
+        return BuildInsert(table, pBundle, conflict, Values::Written, VANTRY_HERE).text;
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        return {};
+    }
 }
 
 std::string CVantryConnection::CreateInsertStatementWithWildcard(const std::string& table, _bundle_t* pBundle,
                                                                  int conflict,
                                                                  std::vector<std::string>& arguments) {
     arguments.clear();
-    return BuildInsert(table, pBundle, conflict, Values::Bound, arguments, VANTRY_HERE);
+    try {
+        Statement statement = BuildInsert(table, pBundle, conflict, Values::Bound, VANTRY_HERE);
+        arguments.reserve(statement.columns.size());
+        for (const Column& column : statement.columns) {
+            arguments.emplace_back(column.value);
+        }
+        return std::move(statement.text);
+    } catch (const std::exception&) {
+        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        arguments.clear();
+        return {};
+    }
 }
 
 int CVantryConnection::InsertWithOnConflict(const std::string& table, _bundle_t* pBundle, int conflict) {
@@ -841,14 +950,24 @@ int CVantryConnection::InsertWithOnConflict(const std::string& table, _bundle_t*
         VANTRY_LOG(DLOG_INFO, "Inserted data is NULL");
         return vantry::RESULT_INVALID;
     }
-    std::string error;
-    std::vector<std::string> arguments;
-    const std::string sql = CreateInsertStatementWithWildcard(table, pBundle, conflict, arguments);
-    if (sql.empty()) {
+    Statement statement;
+    // As CreateInsertStatementWithWildcard() does it, without a copy of each value.
+    static const LogPlace builder = VANTRY_PLACE("CreateInsertStatementWithWildcard");
+    try {
+        statement = BuildInsert(table, pBundle, conflict, Values::Bound, builder);
+    } catch (const std::exception&) {
+        VANTRY_LOG_AT(builder, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+    }
+    if (statement.text.empty()) {
         VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
         return vantry::RESULT_INVALID;
     }
-    return ConvertSQLiteErrorToVantryError(RunWrite(*this, sql, arguments, error, VANTRY_HERE).Result());
+    std::string error;
+    const auto& columns = statement.columns;
+    const WriteOutcome outcome = RunWrite(
+        *this, m_pDB, statement.text, columns.size(), [&](std::size_t i) { return columns[i].value; }, error,
+        VANTRY_HERE);
+    return ConvertSQLiteErrorToVantryError(outcome.Result());
 }
 
 int CVantryConnection::InsertRequest(const std::string& table, _bundle_t* pBundle) {
@@ -861,12 +980,11 @@ std::string CVantryConnection::CreateUpdateStatement(const std::string& table, _
                                                      const std::string& where, int conflict) {
     try {
         // Kept: the insert's words.
-        const ColumnMap columns = ReadColumns(pBundle, EMPTY_UPDATE_TEXT, NO_INSERT_COLUMN_TEXT, VANTRY_HERE);
+        const auto columns = ReadColumns(pBundle, EMPTY_UPDATE_TEXT, NO_INSERT_COLUMN_TEXT, VANTRY_HERE);
         if (columns.empty()) {
             return {};
         }
-        std::vector<std::string> none;
-        std::string text = WriteUpdate(table, columns, where, conflict, Values::Written, none);
+        std::string text = WriteUpdate(table, columns, where, conflict, Values::Written);
         VANTRY_LOGF(DLOG_DEBUG, "CMD : %s", text.c_str());
         return text;
     } catch (const std::exception&) {
@@ -879,23 +997,17 @@ std::string CVantryConnection::CreateUpdateStatementWithWildcard(const std::stri
                                                                  const std::string& where, int conflict,
                                                                  std::vector<std::string>& arguments) {
     try {
-        const ColumnMap columns =
-            ReadColumns(pBundle, EMPTY_UPDATE_TEXT, "There is no updating data", VANTRY_HERE);
-        if (columns.empty()) {
-            return {};
+        Statement statement = BuildUpdate(table, pBundle, where, conflict, arguments, VANTRY_HERE);
+        if (!statement.text.empty()) {
+            std::vector<std::string> merged;
+            const std::size_t count = statement.columns.size() + arguments.size();
+            merged.reserve(count);
+            for (std::size_t i = 0; i < count; ++i) {
+                merged.emplace_back(MergedArgument(statement, arguments, i));
+            }
+            arguments.swap(merged);
         }
-        std::vector<std::string> merged;
-        merged.reserve(columns.size() + arguments.size());
-        std::string text = WriteUpdate(table, columns, where, conflict, Values::Bound, merged);
-        std::move(arguments.begin(), arguments.end(), std::back_inserter(merged));
-        arguments.swap(merged);
-        int index = 0;
-        for (const std::string& argument : arguments) {
-            VANTRY_LOGF(DLOG_DEBUG, "[UpdateRequest] merged argument [%d] : %s", index, argument.c_str());
-            ++index;
-        }
-        VANTRY_LOGF(DLOG_DEBUG, "CMD : %s", text.c_str());
-        return text;
+        return std::move(statement.text);
     } catch (const std::exception&) {
         VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
         return {};
@@ -928,13 +1040,21 @@ int CVantryConnection::UpdateWithOnConflict(const std::string& table, _bundle_t*
         VANTRY_LOG(DLOG_INFO, NO_UPDATE_BUNDLE_TEXT);
         return vantry::RESULT_INVALID;
     }
-    const std::string sql = CreateUpdateStatementWithWildcard(table, pBundle, where, conflict, arguments);
-    if (sql.empty()) {
+    Statement statement;
+    static const LogPlace builder = VANTRY_PLACE("CreateUpdateStatementWithWildcard");
+    try {
+        statement = BuildUpdate(table, pBundle, where, conflict, arguments, builder);
+    } catch (const std::exception&) {
+        VANTRY_LOG_AT(builder, DLOG_INFO, vantry::NO_MEMORY_TEXT);
+    }
+    if (statement.text.empty()) {
         VANTRY_LOG(DLOG_INFO, NO_STATEMENT_TEXT);
         return vantry::RESULT_INVALID;
     }
     std::string error;
-    const WriteOutcome outcome = RunWrite(*this, sql, arguments, error, VANTRY_HERE);
+    const WriteOutcome outcome = RunWrite(
+        *this, m_pDB, statement.text, statement.columns.size() + arguments.size(),
+        [&](std::size_t i) { return MergedArgument(statement, arguments, i); }, error, VANTRY_HERE);
     if (outcome.finalised != SQLITE_OK) {
         VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", error.c_str());
     }
@@ -988,7 +1108,10 @@ int CVantryConnection::DeleteRequest(const std::string& table, const std::string
         return vantry::RESULT_INVALID;
     }
     std::string error;
-    return RunWrite(*this, sql, arguments, error, VANTRY_HERE).Result();
+    const WriteOutcome outcome = RunWrite(
+        *this, m_pDB, sql, arguments.size(), [&](std::size_t i) -> std::string_view { return arguments[i]; },
+        error, VANTRY_HERE);
+    return outcome.Result();
 }
 
 // ---- Files --------------------------------------------------------------------------------------------

@@ -9,6 +9,8 @@
 #include <mutex>
 #include <set>
 
+#include "TestSide.h"
+
 namespace {
 
 std::mutex g_mutex;
@@ -67,6 +69,7 @@ std::string Show(const support::LogLine& line) {
 }  // namespace
 
 extern "C" int __dlog_print(log_id_t log_id, int priority, const char* tag, const char* format, ...) {
+    const support::TestSide here;
     va_list arguments;
     va_start(arguments, format);
     char* text = nullptr;

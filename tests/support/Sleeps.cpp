@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "FromLibrary.h"
+#include "TestSide.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ std::function<void(int)> g_onSleep;
 }  // namespace
 
 extern "C" int usleep(useconds_t microseconds) {
+    const support::TestSide here;
     if (support::FromLibrary(__builtin_return_address(0))) {
         std::function<void(int)> onSleep;
         int number = 0;

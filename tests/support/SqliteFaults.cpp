@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "FromLibrary.h"
+#include "TestSide.h"
 
 namespace {
 
@@ -32,6 +33,7 @@ State& TheState() {
 
 // Counts a call, and tells whether it is answered here.
 bool Answered(const char* function, const void* caller, int& code) {
+    const support::TestSide here;
     if (!support::FromLibrary(caller)) {
         return false;
     }
@@ -58,8 +60,12 @@ bool Answered(const char* function, const void* caller, int& code) {
 }
 
 void Remember(const char* sql, int length, const void* caller) {
+    const support::TestSide here;
     if (sql != nullptr && support::FromLibrary(caller)) {
         const std::lock_guard<std::mutex> guard(g_mutex);
+        if (!TheState().active) {
+            return;
+        }
         TheState().sql = length < 0 ? std::string(sql) : std::string(sql, static_cast<std::size_t>(length));
     }
 }
