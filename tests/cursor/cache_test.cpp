@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
@@ -166,16 +167,18 @@ class ColumnOfType : public testing::TestWithParam<ColumnCase> {};
 
 INSTANTIATE_TEST_SUITE_P(
     AddColumnCache, ColumnOfType,
-    testing::Values(ColumnCase{"Integer", "72623859790382856", 1, BytesOf(72623859790382856LL)},
-                    ColumnCase{"GreatestInteger", "9223372036854775807", 1, BytesOf(LLONG_MAX)},
-                    ColumnCase{"LeastInteger", "-9223372036854775807 - 1", 1, BytesOf(LLONG_MIN)},
-                    ColumnCase{"Float", "-2.5", 2, BytesOf(-2.5)},
-                    ColumnCase{"GreatestFloat", "1.7976931348623157e308", 2, BytesOf(1.7976931348623157e308)},
-                    ColumnCase{"Text", "'text'", 3, "text"}, ColumnCase{"EmptyText", "''", 3, ""},
-                    ColumnCase{"TextWithAZeroByte", "CAST(x'61006200' AS TEXT)", 3, std::string("a\0b\0", 4)},
-                    ColumnCase{"Blob", "x'00ff00'", 4, std::string("\0\xff\0", 3)},
-                    ColumnCase{"EmptyBlob", "x''", 4, ""},
-                    ColumnCase{"ZeroBlob", "zeroblob(5)", 4, std::string(5, '\0')}),
+    testing::Values(
+        ColumnCase{"Integer", "72623859790382856", 1, BytesOf(72623859790382856LL)},
+        ColumnCase{"GreatestInteger", "9223372036854775807", 1, BytesOf(LLONG_MAX)},
+        ColumnCase{"LeastInteger", "-9223372036854775807 - 1", 1, BytesOf(LLONG_MIN)},
+        ColumnCase{"Float", "-2.5", 2, BytesOf(-2.5)},
+        // A power of two, reached by exact steps: SQLite reads great decimals to the last bit only where long
+        // double is wider than double.
+        ColumnCase{"GreatFloat", "(1 << 62) * 1.0 * (1 << 62)", 2, BytesOf(std::ldexp(1.0, 124))},
+        ColumnCase{"Text", "'text'", 3, "text"}, ColumnCase{"EmptyText", "''", 3, ""},
+        ColumnCase{"TextWithAZeroByte", "CAST(x'61006200' AS TEXT)", 3, std::string("a\0b\0", 4)},
+        ColumnCase{"Blob", "x'00ff00'", 4, std::string("\0\xff\0", 3)}, ColumnCase{"EmptyBlob", "x''", 4, ""},
+        ColumnCase{"ZeroBlob", "zeroblob(5)", 4, std::string(5, '\0')}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
 // One zero byte follows every value: the ninth of a number, the terminator of a text.
