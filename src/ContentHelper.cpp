@@ -267,7 +267,8 @@ std::string CContentHelper::SQLReplace(const std::string& source, const std::str
     try {
         std::string result = source;
         std::size_t position = 0;
-        while ((position = result.find(from, position)) != std::string::npos) {
+        // An empty text is found everywhere, without end.
+        while (!from.empty() && (position = result.find(from, position)) != std::string::npos) {
             result.replace(position, from.size(), to);
             position += to.size();
         }

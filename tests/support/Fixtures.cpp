@@ -73,6 +73,20 @@ std::vector<std::string> RawDb::Query(const std::string& sql) {
     return rows;
 }
 
+const std::vector<std::string>& HardFileNames() {
+    static const std::vector<std::string> names = {"with blanks in it.db",
+                                                   " leading and trailing ",
+                                                   "it's.db",
+                                                   "\"double\".db",
+                                                   "100%.db",
+                                                   "%s%n%d%99999$s.db",
+                                                   "a?mode=ro#b.db",
+                                                   "file:c.db",
+                                                   "back\\slash`$(tick).db",
+                                                   "\u00fcbergr\u00f6\u00dfe \u30bf\u30a4\u30eb.db"};
+    return names;
+}
+
 sqlite3_stmt* Prepare(sqlite3* db, const std::string& sql) {
     sqlite3_stmt* statement = nullptr;
     Check(sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK, sql, db);

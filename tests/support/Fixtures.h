@@ -93,6 +93,9 @@ public:
     using CSQLiteCursor::m_rowCount;
 };
 
+// File names that are hard on a program that does more with them than open the file.
+const std::vector<std::string>& HardFileNames();
+
 // A prepared statement, owned by the caller; a failure ends the test program.
 sqlite3_stmt* Prepare(sqlite3* db, const std::string& sql);
 

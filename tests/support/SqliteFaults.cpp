@@ -3,8 +3,11 @@
 #include <sqlite3.h>
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "FromLibrary.h"
 #include "TestSide.h"
@@ -23,6 +26,8 @@ struct State {
     std::map<std::string, std::deque<Rule>> rules;
     std::string sql;
     int flags = 0;
+    std::vector<support::OpenedDb> opened;
+    std::function<void(const std::string&)> onCall;
 };
 
 std::mutex g_mutex;
@@ -37,12 +42,18 @@ bool Answered(const char* function, const void* caller, int& code) {
     if (!support::FromLibrary(caller)) {
         return false;
     }
-    const std::lock_guard<std::mutex> guard(g_mutex);
+    std::unique_lock<std::mutex> guard(g_mutex);
     State& state = TheState();
     if (!state.active) {
         return false;
     }
     ++state.calls[function];
+    if (state.onCall) {
+        const auto onCall = state.onCall;
+        guard.unlock();
+        onCall(function);
+        guard.lock();
+    }
     auto& rules = state.rules[function];
     if (rules.empty()) {
         return false;
@@ -84,12 +95,21 @@ void Remember(const char* sql, int length, const void* caller) {
 extern "C" {
 
 int sqlite3_open_v2(const char* name, sqlite3** db, int flags, const char* vfs) {
-    if (support::FromLibrary(CALLER)) {
+    const bool fromLibrary = support::FromLibrary(CALLER);
+    if (fromLibrary) {
         const std::lock_guard<std::mutex> guard(g_mutex);
         TheState().flags = flags;
     }
     ANSWER(sqlite3_open_v2);
-    return real(name, db, flags, vfs);
+    code = real(name, db, flags, vfs);
+    if (fromLibrary) {
+        const support::TestSide here;
+        const std::lock_guard<std::mutex> guard(g_mutex);
+        if (TheState().active) {
+            TheState().opened.push_back({name, flags, vfs != nullptr, *db});
+        }
+    }
+    return code;
 }
 
 int sqlite3_close(sqlite3* db) {
@@ -185,6 +205,7 @@ SqliteFaults::SqliteFaults() {
 SqliteFaults::~SqliteFaults() {
     const std::lock_guard<std::mutex> guard(g_mutex);
     TheState().active = false;
+    TheState().onCall = {};
 }
 
 void SqliteFaults::Answer(const std::string& function, int code, int times, int skip) {
@@ -200,6 +221,16 @@ int SqliteFaults::Calls(const std::string& function) const {
 std::string SqliteFaults::LastSql() const {
     const std::lock_guard<std::mutex> guard(g_mutex);
     return TheState().sql;
+}
+
+void SqliteFaults::OnCall(std::function<void(const std::string&)> onCall) {
+    const std::lock_guard<std::mutex> guard(g_mutex);
+    TheState().onCall = std::move(onCall);
+}
+
+std::vector<OpenedDb> SqliteFaults::Opened() const {
+    const std::lock_guard<std::mutex> guard(g_mutex);
+    return TheState().opened;
 }
 
 int SqliteFaults::LastOpenFlags() const {

@@ -1,8 +1,20 @@
 #pragma once
 
+#include <sqlite3.h>
+
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace support {
+
+// A call of sqlite3_open_v2 that was not answered by the tests: what it was given, and the handle that it gave.
+struct OpenedDb {
+    std::string path;
+    int flags;
+    bool namesVfs;
+    sqlite3* handle;
+};
 
 // Counts the library's calls of SQLite while it lives, and answers some of them itself. Calls are named as SQLite
 // names them, "sqlite3_step" and so on; SqliteFaults.cpp lists the ones that are known.
@@ -24,6 +36,10 @@ public:
     // The last SQL text given to sqlite3_exec or sqlite3_prepare_v2, and the last flags given to sqlite3_open_v2.
     std::string LastSql() const;
     int LastOpenFlags() const;
+    // All of them, in order.
+    std::vector<OpenedDb> Opened() const;
+    // Calls this with the function's name before every call that is counted.
+    void OnCall(std::function<void(const std::string& function)> onCall);
 };
 
 }  // namespace support
