@@ -113,7 +113,8 @@ public:
     //
     // No form adds quotes round a text: the caller writes them. None makes NULL.
 
-    /// Replaces every `from` by `to`; what was inserted is not searched again. An empty `from` replaces nothing.
+    /// Replaces every `from` by `to`; what was inserted is not searched again. An empty `from` replaces
+    /// nothing.
     static std::string SQLReplace(const std::string& source, const std::string& from, const std::string& to);
     /// Doubles the single quotes of a text. Null gives the empty text.
     static std::string ToSQLFormat(const std::string& value);

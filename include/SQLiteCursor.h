@@ -45,7 +45,8 @@ public:
     /// Kept: after -34 a cursor with a live statement starts the statement over, and appends the result's
     /// rows a second time.
     /// Kept: a row that was evicted from the cache (see CSQLiteCursorCache) is not filled again: the call
-    /// returns 100, and the cursor stays where it was.
+    /// returns 100, or -14 without a statement, and the cursor stays where it was. A preloaded result above
+    /// CSQLiteCursor::MAX_DB_CACHE_SIZE bytes therefore fails at its first move.
     virtual int MoveNextStep() = 0;
 
     /// Goes to the row before.
@@ -57,8 +58,8 @@ public:
 
     /// Goes to the first row; on a result without rows, asks the database again.
     ///
-    /// @return as MoveNextStep(). Kept: when the first row was evicted, the getters read that empty row, while
-    ///         GetCurrentRowIndex() stays where it was.
+    /// @return as MoveNextStep(). Kept: when the first row was evicted, the getters read that empty row,
+    ///         while GetCurrentRowIndex() stays where it was.
     virtual int MoveFirstStep() = 0;
 
     /// Steps to the end of the result and goes to the last row.
@@ -129,7 +130,8 @@ public:
     /// Releases the value.
     ~CDbColumn();
 
-    /// Objects come from a pool: a result has very many of them. No lock; any thread may release what another made.
+    /// Objects come from a pool: a result has very many of them. No lock; any thread may release what another
+    /// made.
     static void* operator new(std::size_t size);
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
     static void operator delete(void* memory, std::size_t size) noexcept;

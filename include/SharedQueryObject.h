@@ -90,7 +90,8 @@ public:
     ///
     /// @param size  1 to 2098175 bytes.
     /// @return the mapping, or the one that is there already; null when there is no such object, for another
-    ///         size or an empty name, and when the system refuses. Kept: the name is removed then, too.
+    ///         size or an empty name, and when the system refuses. Kept: the name is removed then, too,
+    ///         unless another consumer was first.
     char* ShmGetObject(int size);
 
     /// Unmaps, closes and removes the object.

@@ -53,16 +53,16 @@ protected:
 /// (memory), -13 (permission), -16 (busy or locked), -22 (no handle, wrong argument, aborted), -30
 /// (read-only), and 0xC0000000 for everything else. An operation that returns raw SQLite codes says so.
 ///
-/// Waiting: a call that meets a busy or locked database is tried again after 30 ms, 30 times at most, so an
-/// operation may take 0.9 s longer in the calling thread for each SQLite call that it makes; then it gives
-/// up.
+/// Waiting: a call that meets a busy or locked database is made 30 times at most, each busy answer followed
+/// by 30 ms, so an operation may take 0.9 s longer in the calling thread for each SQLite call that it makes;
+/// then it gives up.
 ///
 /// Threads: OpenOperation(), IsOpen(), CloseOperation() (so CloseDB() and the destructor too) and ExcuteSQL()
 /// (so SetForeignKeyConstraintsEnabled() too) take the connection's lock. No other operation does: callers
 /// that share a connection between threads serialise those themselves.
 ///
-/// Memory: no operation throws. One that runs out of memory logs it and fails in its own way: -12, null,
-/// false or an empty text.
+/// Memory: no operation throws. One that runs out of memory logs it and fails in its own way: -12 or -22,
+/// null, false or an empty text.
 class VANTRY_API CVantryConnection {
 public:
     // ---- Open and close -------------------------------------------------------------------------------
@@ -113,9 +113,9 @@ public:
 
     // ---- Run and bind ---------------------------------------------------------------------------------
     //
-    // Every operation below that needs a handle and has none returns -22, false, or nothing. Where there is
-    // an `error`, it receives SQLite's message of a failure and is otherwise left alone, unless told
-    // differently.
+    // Every operation below that needs a handle and has none returns -22, false, or nothing; the inserts
+    // 0xC0000000. Where there is an `error`, it receives SQLite's message of a failure and is otherwise left
+    // alone, unless told differently.
 
     /// Runs SQL text; rows that it yields are dropped.
     ///
@@ -247,9 +247,9 @@ public:
 
     /// Inserts one row. GetLastInsertRowID() tells its row id.
     ///
-    /// @return 0; -22 for a null bundle or one without a column; -16 when the database stayed busy; else the
-    ///         mapped code. 0xC0000000 stands, among others, for a violated constraint and for a statement
-    ///         that could not be prepared.
+    /// @return 0; -22 for a null bundle or one without a column; -16 when its step stayed busy; else the
+    ///         mapped code. 0xC0000000 stands, among others, for a violated constraint, for no handle, and
+    ///         for a statement that could not be prepared.
     int InsertWithOnConflict(const std::string& table, _bundle_t* pBundle, int conflict);
 
     /// InsertWithOnConflict() without a conflict clause.
@@ -279,7 +279,7 @@ public:
     /// Updates rows with bound values and arguments.
     ///
     /// @return 0; -22 for a null bundle, one without a column, or a statement that could not be prepared;
-    ///         else the raw SQLite code (kept: not mapped), 5 or 6 when the database stayed busy.
+    ///         else the raw SQLite code (kept: not mapped), 5 or 6 when its step stayed busy.
     int UpdateWithOnConflict(const std::string& table, _bundle_t* pBundle, const std::string& where,
                              std::vector<std::string> arguments, int conflict);
 
@@ -300,13 +300,13 @@ public:
     ///
     /// @return 0; -22 for a statement that could not be prepared; else the raw SQLite code (kept: not
     /// mapped),
-    ///         5 or 6 when the database stayed busy.
+    ///         5 or 6 when its step stayed busy.
     int DeleteRequest(const std::string& table, const std::string& where,
                       const std::vector<std::string>& arguments);
 
     // ---- Files ----------------------------------------------------------------------------------------
     //
-    // Neither takes the lock, and neither waits for a busy database.
+    // Neither takes the lock, but for a close that comes first, and neither waits for a busy database.
 
     /// Removes a database file, then its side files "-journal", "-shm" and "-wal".
     ///

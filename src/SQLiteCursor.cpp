@@ -86,8 +86,8 @@ using ColumnPool = vantry::SlabPool<sizeof(CDbColumn)>;
 // A value that is copied out of SQLite is AddColumnCache()'s work, whoever asks for it.
 const LogPlace COLUMN_PLACE = VANTRY_PLACE("AddColumnCache");
 
-// Gives a column its value: a copy of `size` bytes, and one zero byte behind them. Without memory, SQLite's own
-// (null bytes) or ours, the column keeps its type and stays empty.
+// Gives a column its value: a copy of `size` bytes, and one zero byte behind them. Without memory, SQLite's
+// own (null bytes) or ours, the column keeps its type and stays empty.
 void SetValue(CDbColumn& column, const void* bytes, int size) {
     column.value = bytes != nullptr ? new (std::nothrow) char[static_cast<std::size_t>(size) + 1] : nullptr;
     if (column.value == nullptr) {
@@ -544,6 +544,7 @@ int CSQLiteCursor::AddRowCache(bool recordNames) {
         {VANTRY_HERE, "sqlite3_step"}, [this] { return sqlite3_step(m_pStmt); },
         vantry::AfterLastPause::CallOnceMore);
     if (code != SQLITE_OK) {
+        // Kept: asked for, and not used.
         sqlite3_data_count(m_pStmt);
     }
     if (code == SQLITE_ROW) {

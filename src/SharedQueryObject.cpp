@@ -185,8 +185,8 @@ std::unique_ptr<CDbColumn> ReadCell(BlockReader& reader) {
     auto column = std::make_unique<CDbColumn>();
     column->type = type;
     column->size = EndsInZero(type) ? length - 1 : length;
-    // One byte more than the value, zero: a text is terminated whatever the block says. A null value has a buffer here,
-    // where the cursor that was stored had none.
+    // One byte more than the value, zero: a text is terminated whatever the block says. A null value has a
+    // buffer here, where the cursor that was stored had none.
     const auto size = static_cast<std::size_t>(column->size);
     column->value = new char[std::max<std::size_t>(size + 1, 2)]();
     std::memcpy(column->value, bytes, size);
@@ -232,14 +232,14 @@ struct CSharedQueryObject::Source {
     int columnCount = 0;
     int rowCount = 0;
 
-    // The values of a row, which eviction puts aside but does not release. A value that is missing is written
-    // as null.
+    // The values of a row, which eviction puts aside but does not release. A value that is missing, or that
+    // memory did not suffice for, is written as null.
     static const CDbColumn& Cell(const CDbRow& row, int column) {
         static const CDbColumn missing;
         const auto& columns = row.columns.empty() ? row.evictedColumns : row.columns;
         const auto position = static_cast<std::size_t>(column);
         const CDbColumn* const cell = position < columns.size() ? columns[position] : nullptr;
-        return cell != nullptr ? *cell : missing;
+        return cell != nullptr && cell->value != nullptr ? *cell : missing;
     }
 
     // The length of the block in bytes.

@@ -8,11 +8,12 @@
 
 namespace vantry {
 
-// Memory for small objects of one size that are made many at a time and released many at a time, on any thread.
+// Memory for small objects of one size that are made many at a time and released many at a time, on any
+// thread.
 //
-// A thread hands out the cells of one slab after the other and never takes one back; a slab is released with the last
-// of its cells. So there is no lock and no list of free cells: making an object costs a step forward, releasing one
-// a subtraction.
+// A thread hands out the cells of one slab after the other and never takes one back; a slab is released with
+// the last of its cells. So there is no lock and no list of free cells: making an object costs a step
+// forward, releasing one a subtraction.
 template <std::size_t ObjectBytes>
 class SlabPool {
     static constexpr std::size_t ALIGNMENT = 4096;
@@ -73,9 +74,8 @@ public:
 private:
     // Gives up the rest of a thread's slab when the thread ends.
     struct Closer {
-        bool open = true;
         ~Closer() {
-            open = false;
+            t_ended = true;
             if (t_open.slab != nullptr) {
                 Drop(t_open.slab, CELLS - t_open.next);
                 t_open.slab = nullptr;
@@ -92,7 +92,9 @@ private:
             return false;
         }
         // While a thread ends, nobody closes its slab any more: each object then gets one of its own.
-        const bool shared = t_closer.open;
+        // To ask for its address makes the closer wait for the thread's end.
+        static_cast<void>(&t_closer);
+        const bool shared = !t_ended;
         opened.slab = new (memory) Slab{{shared ? CELLS : 1}};
         opened.next = shared ? 0 : CELLS - 1;
         return true;
@@ -110,6 +112,7 @@ private:
     }
 
     static inline thread_local Open t_open{nullptr, 0};
+    static inline thread_local bool t_ended = false;
     static inline thread_local Closer t_closer;
 };
 

@@ -45,8 +45,8 @@ struct Column {
     std::string_view value;
 };
 
-// What visits a bundle: the columns seen so far. There is room for all of them before the visit, which cannot be
-// stopped.
+// What visits a bundle: the columns seen so far. There is room for all of them before the visit, which cannot
+// be stopped.
 struct ColumnList {
     std::vector<Column> columns;
     bool complete = true;
@@ -242,8 +242,8 @@ std::vector<Column> ReadColumns(_bundle_t* bundle, const char* emptyBundleText, 
     if (list.columns.empty()) {
         VANTRY_LOG_AT(place, DLOG_INFO, noColumnText);
     }
-    // Kept: the order of the keys' addresses, which is that of the visit where a bundle stores them so; of one key
-    // that is met twice the first value stays.
+    // Kept: the order of the keys' addresses, which is that of the visit where a bundle stores them so; of
+    // one key that is met twice the first value stays.
     const auto before = [](const Column& left, const Column& right) {
         return std::less<>()(left.name.data(), right.name.data());
     };
@@ -317,8 +317,8 @@ std::string WriteUpdate(const std::string& table, const std::vector<Column>& col
     return text;
 }
 
-// A statement about to be run or given out, and the columns whose values belong to its first placeholders. Both stay
-// empty when the bundle has no column.
+// A statement about to be run or given out, and the columns whose values belong to its first placeholders.
+// Both stay empty when the bundle has no column.
 struct Statement {
     std::string text;
     std::vector<Column> columns;

@@ -265,6 +265,15 @@ TEST(SerializeCursorData, RowMarkedAsNotCached_IsWrittenAllTheSame) {
     EXPECT_EQ(Int(1) + Int(1) + Name("v") + Cell(1, Long(7)), Serialized(cursor));
 }
 
+TEST(SerializeCursorData, ValueWithoutMemory_IsWrittenAsNull) {
+    const auto cursor = MakeCursor(2, 1, {"a", "b"}, {{Integer(7), Integer(8)}});
+    CDbColumn& lost = *cursor->GetCusorCache()->rows.front()->columns.front();
+    delete[] lost.value;
+    lost.value = nullptr;
+    lost.size = 0;
+    EXPECT_EQ(Int(2) + Int(1) + Name("a") + Name("b") + Cell(5, "") + Cell(1, Long(8)), Serialized(cursor));
+}
+
 TEST(SerializeCursorData, RowWithFewerColumns_NeverReadsPastIt) {
     const auto cursor = MakeCursor(2, 1, {"a", "b"}, {{Integer(7)}});
     EXPECT_THAT(Serialized(cursor), StartsWith(Int(2) + Int(1) + Name("a") + Name("b") + Cell(1, Long(7))));
