@@ -1,0 +1,429 @@
+#include "HandOver.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "RowsInMemory.h"
+#include "SharedQueryObject.h"
+#include "VantryConnection.h"
+#include "Works.h"
+#include "result_generated.h"
+
+namespace bench {
+
+namespace {
+
+constexpr std::size_t MOST_BYTES = 2097152;
+
+void SendMessage(int requests, const std::string& name, std::size_t size) {
+    Message message;
+    message.size = static_cast<std::int32_t>(size);
+    std::strncpy(message.name, name.c_str(), sizeof message.name - 1);
+    WriteAll(requests, &message, sizeof message);
+}
+
+// Visits every value of a cursor once, forward.
+std::int64_t SumOf(ISQLiteCursor& cursor) {
+    Sum sum;
+    long long integer = 0;
+    double real = 0;
+    std::string bytes;
+    while (cursor.MoveNextStep() == 0) {
+        const int columns = cursor.GetColumnCount();
+        for (int i = 0; i < columns; ++i) {
+            switch (cursor.GetColumnType(i)) {
+                case 0:
+                    cursor.GetInteger64Data(i, integer);
+                    sum.Add(static_cast<std::int64_t>(integer));
+                    break;
+                case 2:
+                    cursor.GetDoubleData(i, real);
+                    sum.Add(real);
+                    break;
+                case 3:
+                    cursor.GetStringData(i, bytes);
+                    sum.Add(std::string_view(bytes));
+                    break;
+                case 4:
+                    bytes.resize(static_cast<std::size_t>(cursor.GetColumnSize(i)));
+                    cursor.GetBlobData(i, bytes.data(), static_cast<int>(bytes.size()));
+                    sum.Add(std::string_view(bytes));
+                    break;
+                default:
+                    break;
+            }
+        }
+    }
+    return sum.Total();
+}
+
+std::shared_ptr<ISQLiteCursor> Select(std::optional<CVantryConnection>& connection, const std::string& path,
+                                      const Table& table, std::vector<std::string>& projection) {
+    if (!connection) {
+        const std::size_t name = path.rfind('/') + 1;
+        connection.emplace(path.substr(0, name), path.substr(name), 1);
+        if (connection->OpenOperation() != 0) {
+            Fail("cannot open " + path);
+        }
+        for (const Column& column : table.Columns()) {
+            projection.push_back(column.name);
+        }
+    }
+    return connection->SelectRequest(table.Name(), projection, "", "");
+}
+
+// The library's own.
+class LibraryWay : public Way {
+public:
+    void Query(const std::string& path, const Table& table, std::size_t /*rows*/) override {
+        m_cursor = Select(m_connection, path, table, m_projection);
+    }
+
+    void Provide(int requests) override {
+        std::string name;
+        int size = 0;
+        if (ISharedQueryObject::StoreCursor(m_cursor, "bench" + std::to_string(getpid()) + "_", name, size) !=
+            0) {
+            Fail("StoreCursor failed");
+        }
+        SendMessage(requests, name, static_cast<std::size_t>(size));
+    }
+
+    void Release() override { m_cursor.reset(); }
+
+    std::int64_t Consume(const Message& message, int /*requests*/) override {
+        m_cursor = ISharedQueryObject::GetCursor(message.name, message.size);
+        return m_cursor ? SumOf(*m_cursor) : -1;
+    }
+
+    void ReleaseConsumed() override { m_cursor.reset(); }
+
+private:
+    std::optional<CVantryConnection> m_connection;
+    std::vector<std::string> m_projection;
+    std::shared_ptr<ISQLiteCursor> m_cursor;
+};
+
+// A block that is ready, through shared memory with one copy on each side.
+class BlockWay : public Way {
+public:
+    void Query(const std::string& /*path*/, const Table& table, std::size_t rows) override {
+        if (!m_block.empty()) {
+            return;
+        }
+        for (std::size_t row = 0; row < rows; ++row) {
+            for (std::size_t i = 0; i < table.Columns().size(); ++i) {
+                Append(table.Row(row)[i], table.Columns()[i].kind);
+            }
+        }
+    }
+
+    void Provide(int requests) override {
+        const std::string name = "/bench" + std::to_string(getpid());
+        const int descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+        if (descriptor < 0 || ftruncate(descriptor, static_cast<off_t>(m_block.size())) != 0) {
+            Fail("cannot make a shared-memory object");
+        }
+        void* const mapping =
+            mmap(nullptr, m_block.size(), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+        close(descriptor);
+        if (mapping == MAP_FAILED) {
+            Fail("cannot map a shared-memory object");
+        }
+        std::memcpy(mapping, m_block.data(), m_block.size());
+        munmap(mapping, m_block.size());
+        SendMessage(requests, name, m_block.size());
+    }
+
+    std::int64_t Consume(const Message& message, int /*requests*/) override {
+        const auto size = static_cast<std::size_t>(message.size);
+        const int descriptor = shm_open(message.name, O_RDONLY, 0);
+        void* const mapping = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0);
+        close(descriptor);
+        shm_unlink(message.name);
+        if (mapping == MAP_FAILED) {
+            return -1;
+        }
+        m_block.resize(size);
+        std::memcpy(m_block.data(), mapping, size);
+        munmap(mapping, size);
+        return SumOfBlock();
+    }
+
+private:
+    struct Head {
+        std::int32_t type;
+        std::int32_t size;
+    };
+
+    void Append(const Value& value, Kind kind) {
+        const bool isNumber = kind == Kind::Integer || kind == Kind::Real;
+        const Head head = {value.isNull ? SQLITE_NULL : static_cast<int>(kind) + 1,
+                           value.isNull ? 0
+                           : isNumber   ? 8
+                                        : static_cast<int>(value.text.size())};
+        const void* const bytes = kind == Kind::Integer ? static_cast<const void*>(&value.integer)
+                                  : kind == Kind::Real  ? static_cast<const void*>(&value.real)
+                                                        : value.text.data();
+        m_block.append(reinterpret_cast<const char*>(&head), sizeof head);
+        m_block.append(static_cast<const char*>(bytes), static_cast<std::size_t>(head.size));
+    }
+
+    std::int64_t SumOfBlock() const {
+        Sum sum;
+        for (const char* next = m_block.data(); next < m_block.data() + m_block.size();) {
+            Head head;
+            std::memcpy(&head, next, sizeof head);
+            next += sizeof head;
+            if (head.type == SQLITE_INTEGER) {
+                std::int64_t integer = 0;
+                std::memcpy(&integer, next, sizeof integer);
+                sum.Add(integer);
+            } else if (head.type == SQLITE_FLOAT) {
+                double real = 0;
+                std::memcpy(&real, next, sizeof real);
+                sum.Add(real);
+            } else if (head.type != SQLITE_NULL) {
+                sum.Add(std::string_view(next, static_cast<std::size_t>(head.size)));
+            }
+            next += head.size;
+        }
+        return sum.Total();
+    }
+
+    std::string m_block;
+};
+
+// FlatBuffers, built from rows in memory, through the pipe.
+class FlatBuffersWay : public Way {
+public:
+    void Query(const std::string& /*path*/, const Table& table, std::size_t rows) override {
+        if (!m_rows.empty()) {
+            return;
+        }
+        for (std::size_t row = 0; row < rows; ++row) {
+            auto& cells = m_rows.emplace_back();
+            for (std::size_t i = 0; i < table.Columns().size(); ++i) {
+                cells.push_back(MakeCell(table.Row(row)[i], table.Columns()[i].kind));
+            }
+        }
+    }
+
+    void Provide(int requests) override {
+        flatbuffers::FlatBufferBuilder builder(MOST_BYTES);
+        std::vector<flatbuffers::Offset<flat::Row>> rows;
+        std::vector<flatbuffers::Offset<flat::Value>> values;
+        rows.reserve(m_rows.size());
+        for (const auto& row : m_rows) {
+            values.clear();
+            for (const Cell& cell : row) {
+                values.push_back(Build(builder, cell));
+            }
+            rows.push_back(flat::CreateRow(builder, builder.CreateVector(values)));
+        }
+        builder.Finish(flat::CreateResult(builder, builder.CreateVector(rows)));
+        SendMessage(requests, "", builder.GetSize());
+        WriteAll(requests, builder.GetBufferPointer(), builder.GetSize());
+    }
+
+    std::int64_t Consume(const Message& message, int requests) override {
+        m_bytes.resize(static_cast<std::size_t>(message.size));
+        if (!ReadAll(requests, m_bytes.data(), m_bytes.size())) {
+            return -1;
+        }
+        // Their own bounds for a buffer of this size: a million tables would not do for a narrow result.
+        flatbuffers::Verifier verifier(m_bytes.data(), m_bytes.size(), 64, 100000000);
+        if (!flat::VerifyResultBuffer(verifier)) {
+            return -1;
+        }
+        Sum sum;
+        for (const flat::Row* row : *flat::GetResult(m_bytes.data())->rows()) {
+            for (const flat::Value* value : *row->values()) {
+                if (value->type() == SQLITE_INTEGER) {
+                    sum.Add(static_cast<std::int64_t>(value->integer()));
+                } else if (value->type() == SQLITE_FLOAT) {
+                    sum.Add(value->real());
+                } else if (value->type() != SQLITE_NULL) {
+                    sum.Add(std::string_view(reinterpret_cast<const char*>(value->bytes()->data()),
+                                             value->bytes()->size()));
+                }
+            }
+        }
+        return sum.Total();
+    }
+
+private:
+    static Cell MakeCell(const Value& value, Kind kind) {
+        if (value.isNull) {
+            return {};
+        }
+        switch (kind) {
+            case Kind::Integer:
+                return value.integer;
+            case Kind::Real:
+                return value.real;
+            case Kind::Text:
+                return value.text;
+            default:
+                return Blob(value.text.begin(), value.text.end());
+        }
+    }
+
+    static flatbuffers::Offset<flat::Value> Build(flatbuffers::FlatBufferBuilder& builder, const Cell& cell) {
+        if (const auto* integer = std::get_if<std::int64_t>(&cell)) {
+            return flat::CreateValue(builder, SQLITE_INTEGER, *integer);
+        }
+        if (const auto* real = std::get_if<double>(&cell)) {
+            return flat::CreateValue(builder, SQLITE_FLOAT, 0, *real);
+        }
+        if (const auto* text = std::get_if<std::string>(&cell)) {
+            const auto bytes =
+                builder.CreateVector(reinterpret_cast<const std::uint8_t*>(text->data()), text->size());
+            return flat::CreateValue(builder, SQLITE_TEXT, 0, 0, bytes);
+        }
+        if (const auto* blob = std::get_if<Blob>(&cell)) {
+            return flat::CreateValue(builder, SQLITE_BLOB, 0, 0, builder.CreateVector(*blob));
+        }
+        return flat::CreateValue(builder, SQLITE_NULL);
+    }
+
+    Rows m_rows;
+    std::vector<std::uint8_t> m_bytes;
+};
+
+// No hand-over: the consumer runs the query itself, on a file that it has open and read before.
+class OwnQueryWay : public Way {
+public:
+    // `into` names the works that take the result into memory.
+    explicit OwnQueryWay(std::string into) : m_into(std::move(into)) {}
+
+    void Provide(int requests) override { SendMessage(requests, "", 0); }
+
+    void OpenConsumer(const std::string& path, const Table& table, std::size_t rows) override {
+        m_works = MakeWorks(m_into);
+        m_works->Open(path, table);
+        m_works->PrepareRead(rows);
+    }
+
+    std::int64_t Consume(const Message& /*message*/, int /*requests*/) override {
+        m_works->Read();
+        return m_works->SumOfHeld();
+    }
+
+    void ReleaseConsumed() override { m_works->Destroy(); }
+
+private:
+    std::string m_into;
+    std::unique_ptr<Works> m_works;
+};
+
+// The same, with each value read where SQLite has it, and nothing kept.
+class StepWay : public Way {
+public:
+    ~StepWay() override { sqlite3_close(m_db); }
+
+    void Provide(int requests) override { SendMessage(requests, "", 0); }
+
+    void OpenConsumer(const std::string& path, const Table& table, std::size_t /*rows*/) override {
+        m_sql = table.SelectSql();
+        if (sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+            Fail("cannot open " + path);
+        }
+    }
+
+    std::int64_t Consume(const Message& /*message*/, int /*requests*/) override {
+        std::size_t rows = 0;
+        return SumOfQuery(m_db, m_sql, rows);
+    }
+
+private:
+    std::string m_sql;
+    sqlite3* m_db = nullptr;
+};
+
+}  // namespace
+
+void WriteAll(int descriptor, const void* bytes, std::size_t size) {
+    const auto* next = static_cast<const char*>(bytes);
+    while (size > 0) {
+        const ssize_t written = write(descriptor, next, size);
+        if (written < 0 && errno != EINTR) {
+            Fail("cannot write to a pipe");
+        }
+        if (written > 0) {
+            next += written;
+            size -= static_cast<std::size_t>(written);
+        }
+    }
+}
+
+bool ReadAll(int descriptor, void* bytes, std::size_t size) {
+    auto* next = static_cast<char*>(bytes);
+    while (size > 0) {
+        const ssize_t taken = read(descriptor, next, size);
+        if (taken == 0 || (taken < 0 && errno != EINTR)) {
+            return false;
+        }
+        if (taken > 0) {
+            next += taken;
+            size -= static_cast<std::size_t>(taken);
+        }
+    }
+    return true;
+}
+
+std::size_t RowsThatFit(const Table& table) {
+    // Counts, names and cells as they are laid out for the other process: docs/wire-format.md.
+    std::size_t bytes = 8;
+    for (const Column& column : table.Columns()) {
+        bytes += 4 + column.name.size() + 1;
+    }
+    std::size_t rows = 0;
+    for (;; ++rows) {
+        for (std::size_t i = 0; i < table.Columns().size(); ++i) {
+            const Kind kind = table.Columns()[i].kind;
+            const Value& value = table.Row(rows)[i];
+            const bool isNumber = kind == Kind::Integer || kind == Kind::Real;
+            bytes += 8 + (value.isNull ? 0 : isNumber ? 8 : value.text.size() + 1);
+        }
+        if (bytes > MOST_BYTES) {
+            return rows;
+        }
+    }
+}
+
+const std::vector<std::string>& WayNames() {
+    static const std::vector<std::string> names = {"vantry",    "block",       "flatbuffers",
+                                                   "own-steps", "own-vectors", "own-vantry"};
+    return names;
+}
+
+std::unique_ptr<Way> MakeWay(const std::string& name) {
+    if (name == "vantry") {
+        return std::make_unique<LibraryWay>();
+    }
+    if (name == "block") {
+        return std::make_unique<BlockWay>();
+    }
+    if (name == "flatbuffers") {
+        return std::make_unique<FlatBuffersWay>();
+    }
+    if (name == "own-steps") {
+        return std::make_unique<StepWay>();
+    }
+    if (name == "own-vectors") {
+        return std::make_unique<OwnQueryWay>("raw");
+    }
+    if (name == "own-vantry") {
+        return std::make_unique<OwnQueryWay>("vantry");
+    }
+    Fail("no such way: " + name);
+}
+
+}  // namespace bench

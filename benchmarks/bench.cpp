@@ -1,0 +1,106 @@
+// The timed benchmarks, and the processes that they start.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <utility>
+
+#include "Bench.h"
+#include "Works.h"
+
+namespace bench {
+
+namespace {
+
+// Removes the files at the program's end.
+class RunDirectory {
+public:
+    RunDirectory() {
+        // In memory where that can be: what a disk costs is the same for everybody, and much.
+        std::string pattern = access("/dev/shm", W_OK) == 0
+                                  ? "/dev/shm/bench.XXXXXX"
+                                  : (std::filesystem::temp_directory_path() / "bench.XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            Fail("cannot make " + pattern);
+        }
+        m_path = pattern;
+    }
+    RunDirectory(const RunDirectory&) = delete;
+    RunDirectory& operator=(const RunDirectory&) = delete;
+    ~RunDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+}  // namespace
+
+const std::string& Directory() {
+    static const RunDirectory directory;
+    return directory.Path();
+}
+
+const std::string& FileOf(const Table& table, std::size_t rows) {
+    static std::map<std::pair<const Table*, std::size_t>, std::string> files;
+    std::string& path = files[{&table, rows}];
+    if (path.empty()) {
+        path = Directory() + "/" + table.Name() + std::to_string(rows) + ".db";
+        MakeFile(path, table, rows);
+    }
+    return path;
+}
+
+void Typical::Add(double seconds) {
+    m_state.SetIterationTime(seconds);
+    m_seconds.push_back(seconds);
+}
+
+Typical::~Typical() {
+    if (!m_seconds.empty()) {
+        const auto middle = m_seconds.begin() + static_cast<std::ptrdiff_t>(m_seconds.size() / 2);
+        std::nth_element(m_seconds.begin(), middle, m_seconds.end());
+        m_state.counters["typical"] = *middle * 1e9;
+    }
+}
+
+void BeginRepetition() {
+    // What the one before left in the heap is not this one's.
+    malloc_trim(0);
+    static int begun = 0;
+    ++begun;
+    if (isatty(STDERR_FILENO) != 0 || begun % 50 == 0) {
+        std::fprintf(stderr, "  %d repetitions%c", begun, isatty(STDERR_FILENO) != 0 ? '\r' : '\n');
+    }
+}
+
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--consumer") == 0) {
+        return bench::RunConsumer(argc, argv);
+    }
+    if (argc > 1 && std::strcmp(argv[1], "--long-life") == 0) {
+        return bench::RunLongLife(argc, argv);
+    }
+    const char* const most = std::getenv("BENCH_MOST_ROWS");
+    bench::RegisterWorks(most != nullptr ? static_cast<std::size_t>(std::strtoul(most, nullptr, 10))
+                                         : 100000);
+    bench::RegisterHandOvers();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 2;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

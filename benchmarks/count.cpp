@@ -1,0 +1,123 @@
+// Does one work in one way, for scripts/bench, which counts its instructions under callgrind. A second program of
+// the same source counts the allocations.
+#include <valgrind/callgrind.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Works.h"
+
+#ifdef BENCH_COUNT_ALLOCATIONS
+#include "Allocations.h"
+#define COUNTED(work)                         \
+    const long before = CountedAllocations(); \
+    work;                                     \
+    const long counted = CountedAllocations() - before
+#else
+#define COUNTED(work)             \
+    const long counted = 0;       \
+    if (counting) {               \
+        CALLGRIND_TOGGLE_COLLECT; \
+    }                             \
+    work;                         \
+    if (counting) {               \
+        CALLGRIND_TOGGLE_COLLECT; \
+    }                             \
+    static_cast<void>(0)
+#endif
+
+namespace {
+
+using bench::Table;
+using bench::Works;
+
+constexpr std::size_t WARMING_ROWS = 10;
+
+void Check(const char* what, std::int64_t found, std::int64_t expected) {
+    if (found != expected) {
+        bench::Fail(std::string(what) + ": the sum is " + std::to_string(found) + ", not " +
+                    std::to_string(expected));
+    }
+}
+
+// Makes the allocator join what was freed and is still apart. It does so now or later, which hangs on where the
+// heap happens to end; a count must not.
+void SettleHeap() {
+    void* volatile block = std::malloc(1U << 16U);
+    std::free(block);
+}
+
+// Returns the counted allocations of `work` with `rows` rows of `table`.
+long Count(Works& works, const std::string& work, const Table& table, const std::string& path,
+           std::size_t rows, [[maybe_unused]] bool counting) {
+    if (work == "insert") {
+        bench::MakeFile(path, table, 0);
+        works.Open(path, table);
+        works.PrepareInserts();
+        COUNTED(works.InsertRows(rows));
+        std::size_t found = 0;
+        Check("insert", bench::SumOfFile(path, table, found), table.SumOfAll(0, rows));
+        return counted;
+    }
+    bench::MakeFile(path, table, rows);
+    works.Open(path, table);
+    works.PrepareRead(rows);
+    if (work == "read") {
+        COUNTED(works.Read());
+        works.Rewind();
+        Check("read", works.SumOfHeld(), table.SumOfAll(works.FirstHeld(), rows - works.FirstHeld()));
+        return counted;
+    }
+    works.Read();
+    works.Rewind();
+    const std::size_t first = works.FirstHeld();
+    if (work == "destroy") {
+        SettleHeap();
+        COUNTED((works.Destroy(), SettleHeap()));
+        return counted;
+    }
+    std::int64_t sum = 0;
+    if (work == "forward") {
+        COUNTED(sum = works.Forward());
+        Check("forward", sum, table.SumOfForward(first, rows - first));
+        return counted;
+    }
+    if (work == "backward") {
+        works.Forward();
+        COUNTED(sum = works.Backward());
+        Check("backward", sum, table.SumOfBackward(first, rows - first));
+        return counted;
+    }
+    bench::Fail("no such work: " + work);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
+        for (const std::string& name : bench::WorksNames()) {
+            if (bench::MakeWorks(name)) {
+                std::puts(name.c_str());
+            }
+        }
+        return 0;
+    }
+    if (argc != 6) {
+        std::fprintf(stderr,
+                     "Usage: %s insert|read|forward|backward|destroy IMPLEMENTATION wide|narrow ROWS FILE\n"
+                     "       %s --list\n",
+                     argv[0], argv[0]);
+        return 2;
+    }
+    const Table& table = std::strcmp(argv[3], "wide") == 0 ? Table::Wide() : Table::Narrow();
+    const auto rows = static_cast<std::size_t>(std::strtoul(argv[4], nullptr, 10));
+    const auto works = bench::MakeWorks(argv[2]);
+    if (!works || rows == 0) {
+        bench::Fail(std::string("cannot do: ") + argv[2] + " " + argv[4]);
+    }
+    // What happens once a process is no part of the count.
+    Count(*bench::MakeWorks(argv[2]), argv[1], table, std::string(argv[5]) + ".warming", WARMING_ROWS, false);
+    std::printf("%ld\n", Count(*works, argv[1], table, argv[5], rows, true));
+    return 0;
+}

@@ -1,0 +1,220 @@
+// The times of the hand-overs: handover/table/way, and life/table, a process that lives on.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Bench.h"
+#include "HandOver.h"
+
+extern char** environ;
+
+namespace bench {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int HAND_OVERS_A_REPETITION = 10;
+constexpr int HAND_OVERS_OF_A_LIFE = 100;
+
+const char* ShapeOf(const Table& table) { return table.IsWide() ? "wide" : "narrow"; }
+
+const Table& TableOf(const char* shape) {
+    return std::strcmp(shape, "wide") == 0 ? Table::Wide() : Table::Narrow();
+}
+
+// Starts this program in another role, with its two standard descriptors on pipes (or left alone, -1).
+pid_t Start(std::vector<std::string> arguments, int input, int output) {
+    std::vector<char*> argv = {const_cast<char*>("bench")};
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (input >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    }
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    pid_t process = -1;
+    if (posix_spawn(&process, "/proc/self/exe", &actions, nullptr, argv.data(), environ) != 0) {
+        Fail("cannot start another process");
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    return process;
+}
+
+struct Times {
+    double handOver;  // from the result in one process to all values read in the other
+    double whole;     // the query before and the release of both after it too
+};
+
+Times HandOverOnce(Way& way, ConsumerProcess& consumer, const std::string& path, const Table& table,
+                   std::size_t rows, std::int64_t& sum) {
+    const auto start = Clock::now();
+    way.Query(path, table, rows);
+    const auto ready = Clock::now();
+    way.Provide(consumer.Requests());
+    sum = consumer.WaitForSum();
+    const auto read = Clock::now();
+    way.Release();
+    consumer.WaitForRelease();
+    const auto end = Clock::now();
+    return {std::chrono::duration<double>(read - ready).count(),
+            std::chrono::duration<double>(end - start).count()};
+}
+
+void RunHandOver(benchmark::State& state, const std::string& name, const Table& table) {
+    BeginRepetition();
+    const std::size_t rows = RowsThatFit(table);
+    const std::string& path = FileOf(table, rows);
+    const std::int64_t expected = table.SumOfAll(0, rows);
+    const auto way = MakeWay(name);
+    ConsumerProcess consumer(name, table, rows, path);
+    std::int64_t sum = 0;
+    // The first one warms both processes.
+    HandOverOnce(*way, consumer, path, table, rows, sum);
+    Typical typical(state);
+    for (auto _ : state) {
+        typical.Add(HandOverOnce(*way, consumer, path, table, rows, sum).handOver);
+        if (sum != expected) {
+            state.SkipWithError("the sum over what was read is wrong");
+        }
+    }
+    state.counters["rows"] = static_cast<double>(rows);
+}
+
+void RunLife(benchmark::State& state, const Table& table) {
+    BeginRepetition();
+    const std::string& path = FileOf(table, RowsThatFit(table));
+    Typical typical(state);
+    for (auto _ : state) {
+        int pipes[2];
+        if (pipe2(pipes, O_CLOEXEC) != 0) {
+            Fail("cannot make a pipe");
+        }
+        const pid_t process = Start({"--long-life", ShapeOf(table), path}, -1, pipes[1]);
+        close(pipes[1]);
+        Times times[2];
+        const bool good = ReadAll(pipes[0], times, sizeof times);
+        close(pipes[0]);
+        int status = 0;
+        waitpid(process, &status, 0);
+        if (!good || status != 0) {
+            state.SkipWithError("the process did not live to its end");
+            return;
+        }
+        typical.Add(times[1].handOver);
+        state.counters["second"] = times[0].handOver * 1e9;
+        state.counters["hundredth"] = times[1].handOver * 1e9;
+        state.counters["second_whole"] = times[0].whole * 1e9;
+        state.counters["hundredth_whole"] = times[1].whole * 1e9;
+    }
+}
+
+}  // namespace
+
+ConsumerProcess::ConsumerProcess(const std::string& way, const Table& table, std::size_t rows,
+                                 const std::string& path) {
+    int requests[2];
+    int answers[2];
+    if (pipe2(requests, O_CLOEXEC) != 0 || pipe2(answers, O_CLOEXEC) != 0) {
+        Fail("cannot make a pipe");
+    }
+    m_process =
+        Start({"--consumer", way, ShapeOf(table), std::to_string(rows), path}, requests[0], answers[1]);
+    close(requests[0]);
+    close(answers[1]);
+    m_requests = requests[1];
+    m_answers = answers[0];
+}
+
+ConsumerProcess::~ConsumerProcess() {
+    close(m_requests);
+    close(m_answers);
+    int status = 0;
+    waitpid(m_process, &status, 0);
+}
+
+std::int64_t ConsumerProcess::WaitForSum() {
+    std::int64_t sum = 0;
+    if (!ReadAll(m_answers, &sum, sizeof sum)) {
+        Fail("the consumer has gone");
+    }
+    return sum;
+}
+
+void ConsumerProcess::WaitForRelease() {
+    char mark = 0;
+    if (!ReadAll(m_answers, &mark, sizeof mark)) {
+        Fail("the consumer has gone");
+    }
+}
+
+int RunConsumer(int argc, char** argv) {
+    if (argc != 6) {
+        return 2;
+    }
+    const auto way = MakeWay(argv[2]);
+    const auto rows = static_cast<std::size_t>(std::strtoul(argv[4], nullptr, 10));
+    way->OpenConsumer(argv[5], TableOf(argv[3]), rows);
+    Message message;
+    while (ReadAll(STDIN_FILENO, &message, sizeof message)) {
+        const std::int64_t sum = way->Consume(message, STDIN_FILENO);
+        WriteAll(STDOUT_FILENO, &sum, sizeof sum);
+        way->ReleaseConsumed();
+        WriteAll(STDOUT_FILENO, "r", 1);
+    }
+    return 0;
+}
+
+int RunLongLife(int argc, char** argv) {
+    if (argc != 4) {
+        return 2;
+    }
+    const Table& table = TableOf(argv[2]);
+    const std::string path = argv[3];
+    const std::size_t rows = RowsThatFit(table);
+    const std::int64_t expected = table.SumOfAll(0, rows);
+    const auto way = MakeWay("vantry");
+    ConsumerProcess consumer("vantry", table, rows, path);
+    Times times[2] = {};
+    for (int i = 1; i <= HAND_OVERS_OF_A_LIFE; ++i) {
+        std::int64_t sum = 0;
+        const Times now = HandOverOnce(*way, consumer, path, table, rows, sum);
+        if (sum != expected) {
+            Fail("the sum over what was read is wrong");
+        }
+        if (i == 2 || i == HAND_OVERS_OF_A_LIFE) {
+            times[i == 2 ? 0 : 1] = now;
+        }
+    }
+    WriteAll(STDOUT_FILENO, times, sizeof times);
+    return 0;
+}
+
+void RegisterHandOvers() {
+    for (const Table* table : {&Table::Wide(), &Table::Narrow()}) {
+        const std::string shape = ShapeOf(*table);
+        for (const std::string& name : WayNames()) {
+            benchmark::RegisterBenchmark(("handover/" + shape + "/" + name).c_str(),
+                                         [=](benchmark::State& state) { RunHandOver(state, name, *table); })
+                ->UseManualTime()
+                ->Iterations(HAND_OVERS_A_REPETITION);
+        }
+        benchmark::RegisterBenchmark(("life/" + shape).c_str(),
+                                     [=](benchmark::State& state) { RunLife(state, *table); })
+            ->UseManualTime()
+            ->Iterations(1);
+    }
+}
+
+}  // namespace bench
