@@ -160,11 +160,10 @@ private:
 
 using Scenario = std::function<void(Attempt&)>;
 
-// Runs a scenario with the call's allocation number `first` failing, then the next, until none fails any more.
+// Runs a scenario with the call's first allocation failing, then the next, until none fails any more.
 // Returns how many there were.
-int SweepOne(Shortage shortage, const Scenario& scenario, const std::function<void(const Attempt&)>& check,
-             int first) {
-    for (int number = first; number < 5000; ++number) {
+int SweepOne(Shortage shortage, const Scenario& scenario, const std::function<void(const Attempt&)>& check) {
+    for (int number = 1; number < 5000; ++number) {
         SCOPED_TRACE("allocation " + std::to_string(number));
         Attempt attempt(shortage, number);
         scenario(attempt);
@@ -179,24 +178,21 @@ int SweepOne(Shortage shortage, const Scenario& scenario, const std::function<vo
 }
 
 // The library's own allocations: each that fails is told by a line of one of the `loggers`, and of none else.
-int Sweep(const std::vector<std::string>& loggers, const Scenario& scenario, int first = 1) {
+int Sweep(const std::vector<std::string>& loggers, const Scenario& scenario) {
     int count = 0;
     for (const Shortage shortage : {Shortage::OneOfNew, Shortage::AllOfNew}) {
         SCOPED_TRACE(shortage == Shortage::OneOfNew ? "one allocation fails"
                                                     : "all allocations fail from one on");
-        count = SweepOne(
-            shortage, scenario,
-            [&loggers](const Attempt& attempt) {
-                std::vector<std::string> told = attempt.Loggers("The memory is insufficient");
-                for (std::string& logger : attempt.Loggers("Error local scoped lock is not working")) {
-                    told.push_back(std::move(logger));
-                }
-                EXPECT_FALSE(told.empty()) << ::testing::PrintToString(attempt.Lines());
-                for (const std::string& logger : told) {
-                    EXPECT_THAT(loggers, ::testing::Contains(logger));
-                }
-            },
-            first);
+        count = SweepOne(shortage, scenario, [&loggers](const Attempt& attempt) {
+            std::vector<std::string> told = attempt.Loggers("The memory is insufficient");
+            for (std::string& logger : attempt.Loggers("Error local scoped lock is not working")) {
+                told.push_back(std::move(logger));
+            }
+            EXPECT_FALSE(told.empty()) << ::testing::PrintToString(attempt.Lines());
+            for (const std::string& logger : told) {
+                EXPECT_THAT(loggers, ::testing::Contains(logger));
+            }
+        });
     }
     return count;
 }
@@ -207,8 +203,7 @@ int SweepSqlite(const Scenario& scenario) {
     for (const Shortage shortage : {Shortage::OneOfSqlite, Shortage::AllOfSqlite}) {
         SCOPED_TRACE(shortage == Shortage::OneOfSqlite ? "one of SQLite's allocations fails"
                                                        : "all of SQLite's allocations fail from one on");
-        count = SweepOne(
-            shortage, scenario, [](const Attempt& /*attempt*/) {}, 1);
+        count = SweepOne(shortage, scenario, [](const Attempt& /*attempt*/) {});
     }
     return count;
 }
@@ -1423,20 +1418,17 @@ TEST(CursorShortage, MoveLastStep_GoesOnWithTheNextRow) {
 
 // From the second allocation on: the first is the cache, without which there is no row to go on with.
 TEST(CursorShortage, FirstMoveLastStep_Ends) {
-    const int count = Sweep(
-        kCursorLoggers,
-        [](Attempt& attempt) {
-            Result result;
-            int code = 1;
-            attempt.Run([&] { code = result.cursor.MoveLastStep(); });
-            EXPECT_THAT(code, AnyOf(0, -12));
-            if (attempt.Failed() == 0) {
-                // Kept: one step past the end, which starts the statement over.
-                EXPECT_EQ(result.cursor.GetNumbersOfRows(), 4);
-                EXPECT_EQ(result.Row(), kRow1);
-            }
-        },
-        2);
+    const int count = Sweep(kCursorLoggers, [](Attempt& attempt) {
+        Result result;
+        int code = 1;
+        attempt.Run([&] { code = result.cursor.MoveLastStep(); });
+        EXPECT_THAT(code, AnyOf(0, -12));
+        if (attempt.Failed() == 0) {
+            // Kept: one step past the end, which starts the statement over.
+            EXPECT_EQ(result.cursor.GetNumbersOfRows(), 4);
+            EXPECT_EQ(result.Row(), kRow1);
+        }
+    });
     EXPECT_GE(count, 1);
 }
 
@@ -1676,7 +1668,7 @@ TEST(CursorShortage, RowWithoutMemoryForAValue_KeepsTheOthers) {
             EXPECT_EQ(result.cursor.GetStringData(0, value), -14);
             EXPECT_THAT(log.Lines(), ElementsAre("I GetStringData > Column data is not activated"));
         },
-        [](const Attempt& /*attempt*/) {}, 1);
+        [](const Attempt& /*attempt*/) {});
     EXPECT_TRUE(seen);
 }
 
