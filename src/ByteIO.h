@@ -15,6 +15,11 @@ public:
 
     void PutInt(std::int32_t value) { PutBytes(&value, sizeof value); }
 
+    void PutInts(std::int32_t first, std::int32_t second) {
+        const std::int32_t values[] = {first, second};
+        PutBytes(values, sizeof values);
+    }
+
     void PutBytes(const void* bytes, std::size_t size) {
         // No address may be given for no bytes.
         if (size > 0) {

@@ -81,6 +81,16 @@ int AddSizes(int left, int right) {
     return sum > std::numeric_limits<int>::max() ? std::numeric_limits<int>::max() : static_cast<int>(sum);
 }
 
+// Allocators keep small pieces apart when they are released, and join them when something large is asked for.
+// Left to itself that falls to the next result, while somebody waits for it.
+void JoinFreeMemory() {
+    constexpr std::size_t LARGE_BYTES = 65536;
+    ::operator delete(::operator new(LARGE_BYTES, std::nothrow));
+}
+
+// From this number of rows on, a result's memory is joined when it is released.
+constexpr std::size_t MANY_ROWS = 256;
+
 using ColumnPool = vantry::SlabPool<sizeof(CDbColumn)>;
 
 // A value that is copied out of SQLite is AddColumnCache()'s work, whoever asks for it.
@@ -265,6 +275,10 @@ CSQLiteCursorCache::~CSQLiteCursorCache() {
     // Newest first: what was allocated in this order comes back to the allocator in order.
     for (auto row = rows.rbegin(); row != rows.rend(); ++row) {
         delete *row;
+    }
+    if (rows.size() >= MANY_ROWS) {
+        rows.clear();
+        JoinFreeMemory();
     }
 }
 

@@ -18,6 +18,7 @@
 #include "ByteIO.h"
 #include "Log.h"
 #include "ResultCodes.h"
+#include "SlabPool.h"
 
 using vantry::ByteReader;
 using vantry::ByteWriter;
@@ -108,6 +109,10 @@ int ReadableBytes(const char* mapping, int mappedSize, int descriptor) {
     return std::min(size - FIELD_BYTES, static_cast<int>(length));
 }
 
+const CDbColumn NO_VALUE;
+
+using ColumnPool = vantry::SlabPool<sizeof(CDbColumn)>;
+
 bool EndsInZero(int type) { return type == SQLITE_TEXT || type == SQLITE_BLOB; }
 
 // ---- Reading ------------------------------------------------------------------------------------------
@@ -127,6 +132,16 @@ public:
             return false;
         }
         value = m_reader.TakeInt();
+        return true;
+    }
+
+    // A cell's type and length.
+    bool TakeHead(std::int32_t& type, std::int32_t& length) {
+        if (!m_reader.Has(CELL_HEAD_BYTES)) {
+            return TakeInt(type) && TakeInt(length);
+        }
+        type = m_reader.TakeInt();
+        length = m_reader.TakeInt();
         return true;
     }
 
@@ -171,41 +186,54 @@ bool ReadNames(BlockReader& reader, std::int32_t count, std::list<std::string>& 
     return true;
 }
 
-std::unique_ptr<CDbColumn> ReadCell(BlockReader& reader) {
+// A cell, or null when the block ends before it does. Throws when memory runs out.
+CDbColumn* ReadCell(BlockReader& reader, ColumnPool::Batch& cells) {
     std::int32_t type = 0;
     std::int32_t length = 0;
-    if (!reader.TakeInt(type) || !reader.TakeInt(length)) {
+    if (!reader.TakeHead(type, length)) {
         return nullptr;
     }
-    const bool plausible = EndsInZero(type) ? length >= 1 : type >= SQLITE_TEXT || length == NUMBER_BYTES;
+    const bool endsInZero = EndsInZero(type);
+    const bool plausible = endsInZero ? length >= 1 : type >= SQLITE_TEXT || length == NUMBER_BYTES;
     const char* bytes = nullptr;
     if (!reader.TakeBytes(length, plausible, bytes)) {
         return nullptr;
     }
-    auto column = std::make_unique<CDbColumn>();
-    column->type = type;
-    column->size = EndsInZero(type) ? length - 1 : length;
     // One byte more than the value, zero: a text is terminated whatever the block says. A null value has a
     // buffer here, where the cursor that was stored had none.
-    const auto size = static_cast<std::size_t>(column->size);
-    column->value = new char[std::max<std::size_t>(size + 1, 2)]();
-    std::memcpy(column->value, bytes, size);
-    return column;
+    const auto size = static_cast<std::size_t>(endsInZero ? length - 1 : length);
+    std::unique_ptr<char[]> value(new char[std::max<std::size_t>(size + 1, 2)]);
+    std::memcpy(value.get(), bytes, size);
+    value[size] = '\0';
+    void* const memory = cells.Allocate();
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    auto* const cell = ::new (memory) CDbColumn;
+    cell->type = type;
+    cell->size = static_cast<int>(size);
+    cell->value = value.release();
+    return cell;
 }
 
 // A whole row, or null when the block ends before it does.
 std::unique_ptr<CDbRow> ReadRow(BlockReader& reader, std::int32_t columnCount) {
     auto row = std::make_unique<CDbRow>();
-    row->columns.reserve(
+    // No more cells than the block has heads for: what the count promises beyond that cannot be read.
+    row->columns.resize(
         std::min(static_cast<std::size_t>(columnCount), reader.Remaining() / CELL_HEAD_BYTES));
+    ColumnPool::Batch cells;
+    CDbColumn** next = row->columns.data();
+    int size = 0;
     for (std::int32_t i = 0; i < columnCount; ++i) {
-        auto column = ReadCell(reader);
-        if (!column) {
+        CDbColumn* const cell = ReadCell(reader, cells);
+        if (cell == nullptr) {
             return nullptr;
         }
-        row->columns.push_back(column.get());
-        row->size += column.release()->size;
+        *next++ = cell;
+        size += cell->size;
     }
+    row->size = size;
     row->isCached = true;
     return row;
 }
@@ -232,14 +260,22 @@ struct CSharedQueryObject::Source {
     int columnCount = 0;
     int rowCount = 0;
 
-    // The values of a row, which eviction puts aside but does not release. A value that is missing, or that
-    // memory did not suffice for, is written as null.
-    static const CDbColumn& Cell(const CDbRow& row, int column) {
-        static const CDbColumn missing;
-        const auto& columns = row.columns.empty() ? row.evictedColumns : row.columns;
-        const auto position = static_cast<std::size_t>(column);
-        const CDbColumn* const cell = position < columns.size() ? columns[position] : nullptr;
-        return cell != nullptr && cell->value != nullptr ? *cell : missing;
+    // Visits every value, those that eviction put aside included. One that is missing, or that memory did not
+    // suffice for, counts as null.
+    template <typename Visitor>
+    void ForEachCell(Visitor visit) const {
+        const auto wanted = static_cast<std::size_t>(std::max(columnCount, 0));
+        for (const CDbRow* row : cache->rows) {
+            const auto& columns = row->columns.empty() ? row->evictedColumns : row->columns;
+            const std::size_t present = std::min(columns.size(), wanted);
+            for (std::size_t i = 0; i < present; ++i) {
+                const CDbColumn* const cell = columns[i];
+                visit(cell != nullptr && cell->value != nullptr ? *cell : NO_VALUE);
+            }
+            for (std::size_t i = present; i < wanted; ++i) {
+                visit(NO_VALUE);
+            }
+        }
     }
 
     // The length of the block in bytes.
@@ -248,13 +284,10 @@ struct CSharedQueryObject::Source {
         for (const std::string& name : cache->columnNames) {
             length += FIELD_BYTES + name.size() + 1;
         }
-        for (const CDbRow* row : cache->rows) {
-            for (int column = 0; column < columnCount; ++column) {
-                const CDbColumn& cell = Cell(*row, column);
-                length +=
-                    CELL_HEAD_BYTES + static_cast<std::uint64_t>(cell.size) + (EndsInZero(cell.type) ? 1 : 0);
-            }
-        }
+        ForEachCell([&length](const CDbColumn& cell) {
+            length +=
+                CELL_HEAD_BYTES + static_cast<std::uint64_t>(cell.size) + (EndsInZero(cell.type) ? 1 : 0);
+        });
         return length;
     }
 
@@ -266,18 +299,14 @@ struct CSharedQueryObject::Source {
             writer.PutInt(static_cast<std::int32_t>(name.size()) + 1);
             writer.PutBytes(name.c_str(), name.size() + 1);
         }
-        for (const CDbRow* row : cache->rows) {
-            for (int column = 0; column < columnCount; ++column) {
-                const CDbColumn& cell = Cell(*row, column);
-                const bool endsInZero = EndsInZero(cell.type);
-                writer.PutInt(cell.type);
-                writer.PutInt(cell.size + (endsInZero ? 1 : 0));
-                writer.PutBytes(cell.value, static_cast<std::size_t>(cell.size));
-                if (endsInZero) {
-                    writer.PutZero();
-                }
+        ForEachCell([&writer](const CDbColumn& cell) {
+            const bool endsInZero = EndsInZero(cell.type);
+            writer.PutInts(cell.type, cell.size + (endsInZero ? 1 : 0));
+            writer.PutBytes(cell.value, static_cast<std::size_t>(cell.size));
+            if (endsInZero) {
+                writer.PutZero();
             }
-        }
+        });
     }
 };
 
