@@ -159,7 +159,7 @@ void CopyValue(CDbColumn& entry, sqlite3_stmt* statement, int column) {
 // last search ended, so that a step to a neighbour costs the same in a result of any length.
 CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
     // Nearly every search is for a neighbour of a place that is known.
-    if (cache.placeIndex >= 1 && index == cache.placeIndex - 1) {
+    if (index >= 0 && index + 1 == cache.placeIndex) {
         cache.placeIndex = index;
         return *--cache.place;
     }
@@ -185,19 +185,24 @@ CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
     return *row;
 }
 
+// Writes the line of a failure. A call of its own, so that the way of those that succeed needs no room for it.
+[[gnu::cold, gnu::noinline]] void LogFailure(const LogPlace& place, const char* text) {
+    VANTRY_LOG_AT(place, DLOG_INFO, text);
+}
+
 // The first checks of every getter: a cache, a current row, and a column within it.
 int CheckColumn(const CSQLiteCursorCache* cache, int column, const LogPlace& place) {
     if (cache == nullptr) {
-        VANTRY_LOG_AT(place, DLOG_INFO, NOT_ACTIVATED_TEXT);
+        LogFailure(place, NOT_ACTIVATED_TEXT);
         return vantry::RESULT_NOT_ACTIVE;
     }
     if (cache->currentRow == nullptr) {
-        VANTRY_LOG_AT(place, DLOG_INFO, NO_ROW_TEXT);
+        LogFailure(place, NO_ROW_TEXT);
         return vantry::RESULT_NOT_ACTIVE;
     }
     // A negative number is a very great one here.
     if (static_cast<unsigned>(column) >= cache->currentRow->columns.size()) {
-        VANTRY_LOG_AT(place, DLOG_INFO, OUT_OF_RANGE_TEXT);
+        LogFailure(place, OUT_OF_RANGE_TEXT);
         return vantry::RESULT_INVALID;
     }
     return vantry::RESULT_OK;
@@ -205,9 +210,9 @@ int CheckColumn(const CSQLiteCursorCache* cache, int column, const LogPlace& pla
 
 // The entry at a column number that CheckColumn() has passed.
 int TakeEntry(const CSQLiteCursorCache& cache, int column, const LogPlace& place, const CDbColumn*& entry) {
-    entry = cache.currentRow->columns[static_cast<std::size_t>(column)];
+    entry = cache.currentRow->columns[static_cast<unsigned>(column)];
     if (entry == nullptr) {
-        VANTRY_LOG_AT(place, DLOG_INFO, NO_COLUMN_TEXT);
+        LogFailure(place, NO_COLUMN_TEXT);
         return vantry::RESULT_NO_COLUMN;
     }
     return vantry::RESULT_OK;
@@ -229,7 +234,7 @@ int FindValue(const CSQLiteCursorCache* cache, int column, int type, const LogPl
         return vantry::RESULT_INVALID;
     }
     if (entry->value == nullptr) {
-        VANTRY_LOG_AT(place, DLOG_INFO, "Column data is not activated");
+        LogFailure(place, "Column data is not activated");
         return vantry::RESULT_NOT_ACTIVE;
     }
     return vantry::RESULT_OK;
@@ -344,13 +349,14 @@ int CSQLiteCursor::MoveNextStep() {
 }
 
 int CSQLiteCursor::MovePreviousStep() {
+    static const LogPlace HERE = VANTRY_HERE;
     if (m_pCache == nullptr) {
-        VANTRY_LOG(DLOG_INFO, NOT_ACTIVATED_TEXT);
+        LogFailure(HERE, NOT_ACTIVATED_TEXT);
         return vantry::RESULT_NOT_ACTIVE;
     }
     if (m_currentRowIndex < 1) {
         // Kept: the words of another failure, on the first row too.
-        VANTRY_LOG(DLOG_INFO, NOT_CONSTRUCTED_TEXT);
+        LogFailure(HERE, NOT_CONSTRUCTED_TEXT);
         return vantry::RESULT_INVALID;
     }
     const int previous = m_currentRowIndex - 1;
