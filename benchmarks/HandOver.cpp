@@ -398,6 +398,29 @@ std::size_t RowsThatFit(const Table& table) {
     }
 }
 
+void LibraryResult::Query() { m_stored = Select(m_connection, m_path, m_table, m_projection); }
+
+void LibraryResult::Store() {
+    if (ISharedQueryObject::StoreCursor(m_stored, "bench" + std::to_string(getpid()) + "_", m_name, m_size) !=
+        0) {
+        Fail("StoreCursor failed");
+    }
+}
+
+void LibraryResult::Fetch() {
+    m_fetched = ISharedQueryObject::GetCursor(m_name, m_size);
+    if (!m_fetched) {
+        Fail("GetCursor failed");
+    }
+}
+
+std::int64_t LibraryResult::Visit() { return SumOf(*m_fetched); }
+
+void LibraryResult::Release() {
+    m_stored.reset();
+    m_fetched.reset();
+}
+
 const std::vector<std::string>& WayNames() {
     static const std::vector<std::string> names = {"vantry",    "block",       "flatbuffers",
                                                    "own-steps", "own-vectors", "own-vantry"};

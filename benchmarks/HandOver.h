@@ -6,10 +6,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "SQLiteCursor.h"
 #include "Tables.h"
+#include "VantryConnection.h"
 
 namespace bench {
 
@@ -62,6 +65,31 @@ public:
     virtual void OpenConsumer(const std::string& /*path*/, const Table& /*table*/, std::size_t /*rows*/) {}
     virtual std::int64_t Consume(const Message& message, int requests) = 0;
     virtual void ReleaseConsumed() {}
+};
+
+// The library's hand-over in its parts, within one process.
+class LibraryResult {
+public:
+    LibraryResult(const std::string& path, const Table& table) : m_path(path), m_table(table) {}
+
+    void Query();
+    void Store();
+    void Fetch();
+    // The sum over every value of what was fetched.
+    std::int64_t Visit();
+    void Release();
+    // Bytes of the object that was stored last.
+    std::size_t Size() const { return static_cast<std::size_t>(m_size); }
+
+private:
+    const std::string& m_path;
+    const Table& m_table;
+    std::optional<CVantryConnection> m_connection;
+    std::vector<std::string> m_projection;
+    std::shared_ptr<ISQLiteCursor> m_stored;
+    std::shared_ptr<ISQLiteCursor> m_fetched;
+    std::string m_name;
+    int m_size = 0;
 };
 
 const std::vector<std::string>& WayNames();

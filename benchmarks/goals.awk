@@ -28,6 +28,18 @@ END {
     line("read, wide", allocated["wide", "sqlitecpp"] / 26, allocated["wide", "qt"] / 26, allocated["wide", "vantry"] / 26, "1.05", allocated["wide", "vantry"] / 26 <= 1.05)
     if (("read", "wide", "raw", 100000) in time) print_growth()
     print_hand_over()
+    print_parts()
+}
+function print_parts(    t, k, table) {
+    print "\n| what a hand-over is made of, milliseconds | store | fetch | visit every value | of these, the object itself, empty |"
+    print "|---|--:|--:|--:|--:|"
+    for (t = 1; t <= 2; t++) {
+        table = t == 1 ? "wide" : "narrow"
+        partCount = split("store fetch visit object", parts, " ")
+        printf "| %s |", table
+        for (k = 1; k <= partCount; k++) printf " %.2f |", time["parts", table, "vantry", parts[k]] / 1e6
+        print ""
+    }
 }
 function print_growth(    w, t, table, ours) {
     print "\n| time a row at 100,000 rows against 1,000 | raw | SQLiteCpp | Qt | library | goal | reached |"

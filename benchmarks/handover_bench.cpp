@@ -1,7 +1,9 @@
-// The times of the hand-overs: handover/table/way, and life/table, a process that lives on.
+// The times of the hand-overs: handover/table/way, parts/table, what the library's is made of, and life/table, a
+// process that lives on.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -201,6 +203,70 @@ int RunLongLife(int argc, char** argv) {
     return 0;
 }
 
+namespace {
+
+double NanosecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count() * 1e9;
+}
+
+// An object of a result's size that nobody writes or reads: the kernel's part of a hand-over, with the calls and
+// the flags of the library.
+void MakeAndDropObject(std::size_t size) {
+    const std::string name = "/bench" + std::to_string(getpid());
+    const int made = shm_open(name.c_str(), O_RDWR | O_CREAT | O_APPEND, 0666);
+    if (made < 0 || ftruncate(made, static_cast<off_t>(size)) != 0 ||
+        posix_fallocate(made, 0, static_cast<off_t>(size)) != 0) {
+        Fail("cannot make a shared-memory object");
+    }
+    void* const written = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_LOCKED, made, 0);
+    close(made);
+    const int found = shm_open(name.c_str(), O_RDWR, 0);
+    void* const read = mmap(nullptr, size, PROT_READ, MAP_SHARED, found, 0);
+    if (written == MAP_FAILED || read == MAP_FAILED) {
+        Fail("cannot map a shared-memory object");
+    }
+    munmap(written, size);
+    munmap(read, size);
+    shm_unlink(name.c_str());
+    close(found);
+}
+
+// What a hand-over is made of, one part after the other in one process.
+void RunParts(benchmark::State& state, const Table& table) {
+    BeginRepetition();
+    const std::string& path = FileOf(table, RowsThatFit(table));
+    const std::int64_t expected = table.SumOfAll(0, RowsThatFit(table));
+    LibraryResult result(path, table);
+    Typical typical(state);
+    double parts[4] = {};
+    for (auto _ : state) {
+        result.Query();
+        auto start = Clock::now();
+        result.Store();
+        parts[0] = NanosecondsSince(start);
+        start = Clock::now();
+        result.Fetch();
+        parts[1] = NanosecondsSince(start);
+        start = Clock::now();
+        if (result.Visit() != expected) {
+            state.SkipWithError("the sum over what was read is wrong");
+            return;
+        }
+        parts[2] = NanosecondsSince(start);
+        result.Release();
+        start = Clock::now();
+        MakeAndDropObject(result.Size());
+        parts[3] = NanosecondsSince(start);
+        typical.Add((parts[0] + parts[1] + parts[2]) / 1e9);
+    }
+    state.counters["store"] = parts[0];
+    state.counters["fetch"] = parts[1];
+    state.counters["visit"] = parts[2];
+    state.counters["object"] = parts[3];
+}
+
+}  // namespace
+
 void RegisterHandOvers() {
     for (const Table* table : {&Table::Wide(), &Table::Narrow()}) {
         const std::string shape = ShapeOf(*table);
@@ -210,6 +276,10 @@ void RegisterHandOvers() {
                 ->UseManualTime()
                 ->Iterations(HAND_OVERS_A_REPETITION);
         }
+        benchmark::RegisterBenchmark(("parts/" + shape).c_str(),
+                                     [=](benchmark::State& state) { RunParts(state, *table); })
+            ->UseManualTime()
+            ->Iterations(HAND_OVERS_A_REPETITION);
         benchmark::RegisterBenchmark(("life/" + shape).c_str(),
                                      [=](benchmark::State& state) { RunLife(state, *table); })
             ->UseManualTime()

@@ -3,7 +3,7 @@
 /"error_occurred": true/ { print "a benchmark gave a wrong answer: " name > "/dev/stderr"; failed = 1 }
 /"run_name":/ { split($0, part, "\""); name = part[4]; sub(/\/iterations.*/, "", name); aggregate = "" }
 /"aggregate_name":/ { split($0, part, "\""); aggregate = part[4] }
-/"(typical|second|hundredth|second_whole|hundredth_whole|rows)":/ {
+/"(typical|store|fetch|visit|object|second|hundredth|second_whole|hundredth_whole|rows)":/ {
     split($0, part, "\""); field = part[2]; value = part[3]; gsub(/[:, ]/, "", value)
     if (aggregate != "median") next
     count = split(name, word, "/")
