@@ -33,3 +33,4 @@ DEVICE_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
 # For the other processor, in a folder of the build.
 SYSROOT_PACKAGES=(libstdc++6 libsqlite3-dev libgtest-dev libgmock-dev nlohmann-json3-dev)
 BENCH_PACKAGES=(libbenchmark-dev libsqlitecpp-dev libflatbuffers-dev flatbuffers-compiler valgrind)
+ABI_PACKAGES=(abigail-tools binutils python3)
