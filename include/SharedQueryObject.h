@@ -8,53 +8,69 @@
 #include "SQLiteCursor.h"
 #include "VantryExport.h"
 
+/// @file
+/// The hand-over of results between processes.
+
 /// Hands a whole result to another process, exactly once, through a named shared-memory object.
 ///
 /// The provider stores a cursor and tells the consumer the object's name and size by its own means; the
-/// consumer fetches it. docs/wire-format.md describes the object byte by byte, its life, and who may open it.
+/// consumer fetches it. The page of the wire format (docs/wire-format.md) describes the object byte by byte,
+/// its life, and who may open it.
 ///
-/// Threads: the three operations may be called from many threads at once; the cursor that one stores must not
-/// be moved meanwhile.
+/// @dotfile stored-result.dot "From StoreCursor() to GetCursor()"
+///
+/// Threads: the three operations take no lock and may be called from many threads at once; the cursor that
+/// one stores must not be moved meanwhile.
+///
+/// Memory: no operation throws. One that runs out of memory logs it and fails in its own way: -12 or -14,
+/// null or an empty text.
 class VANTRY_API ISharedQueryObject {
 public:
     ISharedQueryObject() = default;
     ISharedQueryObject(const ISharedQueryObject&) = delete;
     ISharedQueryObject& operator=(const ISharedQueryObject&) = delete;
+    /// Does nothing.
     virtual ~ISharedQueryObject();
 
     /// Puts a cursor's rows into a new shared-memory object. Move the cursor to its end first, until
     /// MoveNextStep() returns -34: only then is the number of rows known. A preloaded cursor is at its end.
+    ///
+    /// Ownership: the object outlives the call and the process; GetCursor() removes it. One that nobody
+    /// fetches stays until the system restarts or its name is given to shm_unlink().
+    ///
+    /// Kept: a cursor stored before its end arrives with its column names and no rows.
     ///
     /// @param pCursor  the result; read, not moved.
     /// @param key      part of the object's name, between "/.vantry_" and the request id; without "/". Two
     ///                 processes that use one key can meet at one name: each provider uses a key of its own.
     /// @param name     out: the object's name, such as "/.vantry_tiles7"; empty after -14.
     /// @param size     out: the object's size in bytes, 2098175 at most; 0 after -14.
-    /// @return 0;
-    ///         -22 for a null cursor: name and size keep their values;
-    ///         -14 when the cursor was never moved, when the rows take more than 2098171 bytes, when the
-    ///         system refuses the object or has no memory for it.
-    ///
-    /// Ownership: the object outlives the call and the process; GetCursor() removes it. One that nobody
-    /// fetches stays until the system restarts or its name is given to shm_unlink().
-    /// Kept: a cursor stored before its end arrives with its column names and no rows.
+    /// @retval 0    stored; name and size are to be told to the consumer.
+    /// @retval -22  the cursor is null: name and size keep their values.
+    /// @retval -14  the cursor is not one of this library's, or was never moved; its rows take more than
+    ///              2098171 bytes; the system refuses the object, or has no memory for it.
     static int StoreCursor(std::shared_ptr<ISQLiteCursor> pCursor, const std::string& key, std::string& name,
                            int& size);
 
     /// Fetches a stored result and removes the object.
     ///
+    /// Damaged contents never lead past the object's end: a row cut short is left out, and with it all after
+    /// it.
+    ///
+    /// Threads: waits while another consumer is fetching the same object.
+    ///
+    /// Kept: a size outside 1 to 2098175 destroys the object.
+    ///
     /// @param name  the object's name, as StoreCursor() told it.
     /// @param size  its size in bytes, as StoreCursor() told it.
     /// @return the cursor, before its first row, with all rows cached and no statement; null when there is no
     ///         such object (one of several consumers that ask at once receives it), when its first bytes are
-    ///         no result, and when memory runs out. Damaged contents never lead past the object's end: a row
-    ///         cut short is left out, and with it all after it.
-    ///
-    /// Threads: waits while another consumer is fetching the same object.
-    /// Kept: a size outside 1 to 2098175 destroys the object.
+    ///         no result, and when memory runs out.
     static std::shared_ptr<ISQLiteCursor> GetCursor(const std::string& name, const int& size);
 
-    /// Tells the last request id issued in this process; 0 before the first.
+    /// Tells the last request id issued in this process.
+    ///
+    /// @return the id; 0 before the first.
     static int GetRequestID();
 };
 
@@ -68,9 +84,12 @@ public:
     /// Closes a descriptor that is still open; neither unmaps nor removes the segment.
     ~CSharedQueryObject() override;
 
+    /// @copydoc ISharedQueryObject::StoreCursor
     static int StoreCursor(std::shared_ptr<ISQLiteCursor> pCursor, const std::string& key, std::string& name,
                            int& size);
+    /// @copydoc ISharedQueryObject::GetCursor
     static std::shared_ptr<ISQLiteCursor> GetCursor(const std::string& name, const int& size);
+    /// @copydoc ISharedQueryObject::GetRequestID
     static int GetRequestID();
 
     /// Issues a request id, "1" for the first of the process. No two calls give the same one, until the
@@ -82,22 +101,27 @@ public:
     /// Creates the object `m_name` (or opens it when it is there), gives it its size and maps it for writing.
     ///
     /// @param size  1 to 2098175 bytes, all of which must fit into the process's limit of locked memory.
-    /// @return 0; -22 when there is a mapping already, for another size or an empty name, and when the system
-    ///         refuses: no object of that name is left then, and `m_name` is empty.
+    /// @retval 0    mapped at `m_pData`; the descriptor is closed again.
+    /// @retval -22  there is a mapping already, the size is another or the name empty; or the system refuses:
+    ///              what was opened is removed then, and `m_name` is empty.
     int ShmCreateObject(int size);
 
     /// Opens the object `m_name`, waits for other consumers, and maps it for reading.
     ///
+    /// Kept: a failure removes the name, too, unless the name is empty or another consumer was first.
+    ///
     /// @param size  1 to 2098175 bytes.
-    /// @return the mapping, or the one that is there already; null when there is no such object, for another
-    ///         size or an empty name, and when the system refuses. Kept: the name is removed then, too,
-    ///         unless another consumer was first.
+    /// @return the mapping of `size` bytes, to be unmapped by ShmRemoveObject() or DetachData(), or the one
+    ///         that is there already; null when there is no such object, for another size or an empty name,
+    ///         and when the system refuses.
     char* ShmGetObject(int size);
 
     /// Unmaps, closes and removes the object.
     ///
-    /// @return 0; -22 for a size outside 1 to 2098175 or an empty name; -1 without a descriptor, and when
-    ///         unmapping fails.
+    /// @param size  the mapping's size in bytes.
+    /// @retval 0    done.
+    /// @retval -22  a size outside 1 to 2098175, or an empty name: nothing was done.
+    /// @retval -1   there is no descriptor, or unmapping fails.
     int ShmRemoveObject(int size);
 
     /// Unmaps `m_size` bytes; the object stays for the other process.
@@ -105,16 +129,21 @@ public:
     /// @return 0, or -1 when that fails.
     int DetachData();
 
-    /// Writes a cursor's column names and cached rows into `m_buffer`; docs/wire-format.md tells how.
+    /// Writes a cursor's column names and cached rows into `m_buffer`; the page of the wire format tells how.
     ///
-    /// @return 0; -22 for a null cursor; -14 for one that was never moved; -12 when memory runs out.
+    /// @param pCursor  the result; read, not moved.
+    /// @retval 0    written: `m_dataSize` bytes.
+    /// @retval -22  the cursor is null, or not one of this library's.
+    /// @retval -14  it was never moved.
+    /// @retval -12  memory ran out, or the bytes are more than an int counts.
     int SerializeCursorData(std::shared_ptr<ISQLiteCursor> pCursor);
 
     /// Builds a cursor from serialised bytes, which are not trusted.
     ///
     /// @param data  the bytes, borrowed for the call.
     /// @param size  their number.
-    /// @return the cursor with all whole rows; null for null bytes, a size below 4, and when memory runs out.
+    /// @return the cursor with all whole rows, before its first one; null for null bytes, a size below 4, and
+    ///         when memory runs out.
     static std::shared_ptr<ISQLiteCursor> DeserializeCursorData(char* data, int size);
 
     /// First part of every object's name: "/.vantry_".

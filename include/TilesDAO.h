@@ -9,14 +9,18 @@
 #include "SQLiteCursor.h"
 #include "VantryExport.h"
 
+/// @file
+/// The data-access object of the tiles database.
+
 /// A query on the tiles content.
 struct PT_CONSUMER_SELECT_IN_PARAM {
-    /// A content URI of TilesModel.h; its last part names the table.
+    /// A content URI of TilesModel.h; what follows its last "/" names the table.
     std::string uri;
     /// The condition, with "?" where arguments belong; empty for none.
     std::string selection;
+    /// The arguments of the condition, one a "?", bound as text.
     std::vector<std::string> selectionArgs;
-    /// The order; empty for none.
+    /// The order; empty for none. Kept: it ends at its first ";".
     std::string sortOrder;
     /// The columns; empty for all.
     std::vector<std::string> projection;
@@ -28,11 +32,14 @@ struct PT_CONSUMER_SELECT_IN_PARAM {
 struct PT_CONSUMER_SELECT_OUT_PARAM {
     /// Not written by a query.
     int result = 0;
-    /// The rows; null when the select failed.
+    /// The rows, all of them read (preloaded); null when the select failed.
     std::shared_ptr<ISQLiteCursor> cursor;
 };
 
 /// Reads the tiles database of the device, at its fixed place.
+///
+/// The connection is opened for reading only, and stays open between queries. The hooks of CContentHelper do
+/// nothing here: the schema is its provider's.
 ///
 /// Threads: as CContentHelper; threads that share an object serialise their queries.
 class VANTRY_API CTilesDAO : public CContentHelper {
@@ -40,24 +47,43 @@ public:
     /// Opens TILES_DB_PATH + TILES_DB_NAME for reading. A failed open is tried again by the first query.
     ///
     /// Kept: path, name and version are replaced by the fixed ones.
+    ///
+    /// @param path     not used.
+    /// @param name     not used.
+    /// @param version  not used.
     CTilesDAO(const std::string& path, const std::string& name, int version);
+    /// Disconnects.
     ~CTilesDAO() override;
 
+    /// Does nothing.
+    ///
+    /// @param pConnection  not used.
     void OnConfigure(CVantryConnection* pConnection) override;
+    /// Does nothing.
+    ///
+    /// @param pConnection  not used.
     void OnCreate(CVantryConnection* pConnection) override;
+    /// Does nothing.
+    ///
+    /// @param pConnection  not used.
+    /// @param oldVersion   not used.
+    /// @param newVersion   not used.
     void OnUpgrade(CVantryConnection* pConnection, int oldVersion, int newVersion) override;
 
     /// Runs a select; the connection stays open for the next one.
     ///
+    /// Kept: a select that failed answers true as well: look at the cursor.
+    ///
     /// @param in   the query; read only.
     /// @param out  its cursor is replaced, also by null; left alone when the database cannot be opened.
-    /// @return false when the database cannot be opened. Kept: true else, whether or not the select
-    ///         succeeded: look at the cursor.
+    /// @return false when the database cannot be opened, else true.
     bool SelectQuery(PT_CONSUMER_SELECT_IN_PARAM& in, PT_CONSUMER_SELECT_OUT_PARAM& out);
 
+    /// The directory of the device's tiles database, ending in a slash.
     static const std::string TILES_DB_PATH;
+    /// The database file's name, "px_tiles.db".
     static const std::string TILES_DB_NAME;
-    /// The schema's version, 15.
+    /// The schema's version, 15. It is kept, never compared.
     static const int TILES_DB_VERSION;
 };
 

@@ -11,43 +11,58 @@
 #include "SQLiteCursor.h"
 #include "VantryExport.h"
 
+/// @file
+/// The connection to a database file, and its lock.
+
 struct _bundle_t;  // NOLINT(bugprone-reserved-identifier): the platform's name
 struct keyval_t;
 
-/// A named mutex. It is not recursive: a thread that holds it must not enter it again.
+/// A named mutex. It is not recursive: a thread that holds it must not enter it again. It cannot be copied.
 class VANTRY_API CDBLock {
 public:
+    /// A free lock without a name.
     CDBLock();
+    /// A free lock.
+    ///
     /// @param name  tells locks apart in a debugger; copied, never read.
     explicit CDBLock(const std::string& name);
     CDBLock(const CDBLock&) = delete;
     CDBLock& operator=(const CDBLock&) = delete;
+    /// Destroys the mutex; no thread may hold it.
     virtual ~CDBLock();
 
     /// Waits for the mutex and takes it.
     void Enter() const;
-    /// Gives the mutex back.
+    /// Gives the mutex back; only the thread that holds it may.
     void Leave() const;
 
 protected:
+    /// The name; empty when memory ran out.
     std::string m_name;
+    /// The mutex.
     mutable pthread_mutex_t m_mutex;
 };
 
-/// Holds a lock for as long as the guard lives.
+/// Holds a lock for as long as the guard lives. It cannot be copied.
 class VANTRY_API CDBLocalScopedLock {
 public:
+    /// Waits for the lock and takes it.
+    ///
     /// @param pLock  the lock, borrowed for the guard's life; null makes a guard that does nothing.
     explicit CDBLocalScopedLock(const CDBLock* pLock);
     CDBLocalScopedLock(const CDBLocalScopedLock&) = delete;
     CDBLocalScopedLock& operator=(const CDBLocalScopedLock&) = delete;
+    /// Gives the lock back.
     virtual ~CDBLocalScopedLock();
 
 protected:
+    /// The lock, borrowed, or null.
     const CDBLock* m_pLock;
 };
 
-/// One connection to one SQLite database file.
+/// One connection to one SQLite database file. It cannot be copied.
+///
+/// @dotfile architecture.dot "Who holds what, and what crosses to another process"
 ///
 /// Result codes: 0 is success. Failures are -5 (input or output, corrupt, not a database, cannot open), -12
 /// (memory), -13 (permission), -16 (busy or locked), -22 (no handle, wrong argument, aborted), -30
@@ -65,7 +80,8 @@ protected:
 /// null, false or an empty text.
 class VANTRY_API CVantryConnection {
 public:
-    // ---- Open and close -------------------------------------------------------------------------------
+    /// @name Open and close
+    /// @{
 
     /// A connection without a path; it cannot be opened.
     CVantryConnection();
@@ -83,92 +99,146 @@ public:
 
     /// Opens the database. Close an open connection first: its handle would be lost.
     ///
-    /// @return 0; -22 when path and name are empty; -16 when still busy at the end; else the mapped code.
     /// Threads: takes the lock for each try, not while it sleeps.
+    ///
     /// Kept: a failed open may leave a handle behind, so that IsOpen() answers true; CloseDB() releases it.
+    ///
+    /// @return 0; -22 when path and name are empty; -16 when still busy at the end; -12 when memory runs out;
+    ///         else the mapped code.
     int OpenOperation();
 
     /// Finalises every statement of the connection, those of live cursors included, and closes it.
     /// Cursors with a live statement must be released before.
     ///
-    /// @return 0, also when nothing was open; else the mapped code: the handle is given up all the same.
     /// Threads: takes the lock, and keeps it while it waits.
+    ///
+    /// @return 0, also when nothing was open; else the mapped code: the handle is given up all the same.
     int CloseOperation();
 
     /// CloseOperation(), with a log line on success.
+    ///
+    /// @return as CloseOperation().
     int CloseDB();
 
-    /// Tells whether there is a handle. Threads: takes the lock.
+    /// Tells whether there is a handle.
+    ///
+    /// Threads: takes the lock.
+    ///
+    /// @return true when there is one.
     bool IsOpen() const;
 
     /// Tells the open mode given at construction.
+    ///
+    /// @return the mode; 0 for a connection without a path.
     int GetOpenMode() const;
 
-    /// Tells the row id of the last insert on this connection; -1 without a handle.
+    /// Tells the row id of the last insert on this connection.
+    ///
+    /// @return the id, 0 before the first; -1 without a handle.
     long long GetLastInsertRowID();
 
     /// Maps an SQLite result code to the library's: 3 to -13; 4 to -22; 5 and 6 to -16; 7 to -12; 8 to -30;
     /// 10, 11, 14, 16 and 26 to -5; 0 to 0; every other value to 0xC0000000.
+    ///
+    /// @param code  a primary code of SQLite.
+    /// @return the library's code.
     static int ConvertSQLiteErrorToVantryError(int code);
 
-    // ---- Run and bind ---------------------------------------------------------------------------------
-    //
-    // Every operation below that needs a handle and has none returns -22, false, or nothing; the inserts
-    // 0xC0000000. Where there is an `error`, it receives SQLite's message of a failure and is otherwise left
-    // alone, unless told differently.
+    /// @}
+    /// @name Run and bind
+    ///
+    /// Every operation below that needs a handle and has none returns -22, false, or nothing; the inserts
+    /// 0xC0000000. Where there is an `error`, it receives SQLite's message of a failure and is otherwise left
+    /// alone, unless told differently.
+    /// @{
 
     /// Runs SQL text; rows that it yields are dropped.
     ///
-    /// @return 0, or the mapped code.
     /// Threads: takes the lock for the whole call, waits included.
+    ///
+    /// @param sql    one or more statements, read up to the first zero byte.
+    /// @param error  out: SQLite's message of a failure; empty when memory does not suffice for it.
+    /// @return 0; -22 without a handle; else the mapped code.
     int ExcuteSQL(const std::string& sql, std::string& error);
 
     /// ExcuteSQL() without the lock.
+    ///
+    /// @param sql    as for ExcuteSQL().
+    /// @param error  as for ExcuteSQL().
+    /// @return as ExcuteSQL().
     int ExcuteSQLInner(const std::string& sql, std::string& error);
 
     /// Prepares one statement.
     ///
+    /// @param sql     the statement, read up to the first zero byte.
     /// @param ppStmt  out: the statement, owned by the caller; null after a failure.
     /// @param ppTail  out: where the text after the statement begins, within `sql`; may be null.
-    /// @return 0, or the mapped code; -22 also for a null ppStmt.
+    /// @param error   out: SQLite's message of a failure.
+    /// @return 0; -22 without a handle and for a null ppStmt; else the mapped code.
     int PrepareCMD(const std::string& sql, sqlite3_stmt** ppStmt, const char** ppTail, std::string& error);
 
     /// Prepares one statement and binds the arguments to its placeholders 1, 2, 3, ..., each as text in the
     /// form of ToBindText(). Column affinity turns text back into numbers; an expression or a column without
     /// a type compares and stores the text.
     ///
-    /// @param ppStmt  out: the statement, owned by the caller, also after a failed bind; null when it could
-    ///                not be prepared.
-    /// @return 0; the mapped code of a failed preparation; else the mapped code of the last bind. Kept: a
-    ///         failed bind is logged and the next argument is bound all the same.
+    /// Kept: a failed bind is logged and the next argument is bound all the same.
+    ///
+    /// @param ppStmt     out: the statement, owned by the caller, also after a failed bind; null when it
+    ///                   could not be prepared.
+    /// @param sql        the statement.
+    /// @param arguments  the arguments, copied.
+    /// @param error      out: SQLite's message of a failed preparation.
+    /// @return 0; -22 without a handle and for a null ppStmt; the mapped code of a failed preparation; else
+    ///         the mapped code of the last bind.
     int PrepareBindStatement(sqlite3_stmt** ppStmt, const std::string& sql,
                              const std::vector<std::string>& arguments, std::string& error);
 
-    /// Takes the single quotes off a text that begins and ends with one. Kept: quotes doubled inside stay
-    /// doubled, and a lone quote becomes the empty text.
+    /// Takes the single quotes off a text that begins and ends with one.
+    ///
+    /// Kept: quotes doubled inside stay doubled, and a lone quote becomes the empty text.
+    ///
+    /// @param text  the text.
+    /// @return the text as it is bound.
     static std::string ToBindText(std::string text);
 
     /// Resets a statement, clears its bindings and finalises it.
     ///
+    /// Kept: a statement whose reset or clearing failed stays until the connection closes.
+    ///
+    /// @param pStmt  a statement of this connection, which is gone after success.
     /// @param error  out: SQLite's last message, on success too.
-    /// @return 0; -22 for a null statement; the raw SQLite code of a failed reset (the error of the
-    ///         statement's last step) or clearing. Kept: the statement then stays until the connection
-    ///         closes.
+    /// @return 0; -22 without a handle and for a null statement; else the raw SQLite code of a failed reset
+    ///         (the error of the statement's last step) or clearing.
     int FinalizeStatement(sqlite3_stmt* pStmt, std::string& error);
 
-    /// Tells whether SQLite's integrity check answers "ok". Kept: a busy database answers false.
+    /// Tells whether SQLite's integrity check answers "ok".
+    ///
+    /// Kept: a busy database answers false.
+    ///
+    /// @return true for "ok"; false for everything else, and without a handle.
     bool IntegrityCheck();
 
     /// Switches foreign keys on or off when that differs from the last switch; a new connection counts as
-    /// switched off. Kept: a failed switch is remembered as done.
+    /// switched off.
+    ///
+    /// Threads: takes the lock for the switch.
+    ///
+    /// Kept: a failed switch is remembered as done, and the last switch across a close and an open, where
+    /// SQLite starts anew.
+    ///
+    /// @param enable  true to switch on.
     void SetForeignKeyConstraintsEnabled(bool enable);
 
-    // ---- Transactions ---------------------------------------------------------------------------------
-    //
-    // Failures are told by log lines only. A caller that must know asks sqlite3's own state through a
-    // statement of its own, or runs the statement through ExcuteSQL().
+    /// @}
+    /// @name Transactions
+    ///
+    /// Failures are told by log lines only. A caller that must know asks sqlite3's own state through a
+    /// statement of its own, or runs the statement through ExcuteSQL(). None takes the lock.
+    /// @{
 
-    /// Begins an exclusive transaction (true), or an immediate one (false).
+    /// Begins a transaction.
+    ///
+    /// @param exclusive  true for an exclusive one, false for an immediate one.
     void BeginTransaction(bool exclusive);
     /// Begins an exclusive transaction.
     void BeginTransaction();
@@ -176,148 +246,269 @@ public:
     void CommitTransaction();
     /// Rolls back.
     void RollbackTransaction();
-    /// Commits (true) or rolls back (false).
+    /// Ends the transaction.
+    ///
+    /// @param commit  true to commit, false to roll back.
     void EndTransaction(bool commit);
 
-    // ---- Select ---------------------------------------------------------------------------------------
+    /// @}
+    /// @name Select
+    /// @{
 
     /// Writes a SELECT. Nothing is quoted: table, columns and clauses are SQL.
     ///
+    /// Kept: the order ends at its first ";".
+    ///
+    /// @param table       the table, or whatever may stand after FROM.
     /// @param projection  columns; empty for all.
-    /// @param where       condition, empty for none.
-    /// @param order       order, empty for none. Kept: it ends at its first ";".
+    /// @param where       condition; empty for none.
+    /// @param order       order; empty for none.
+    /// @return the text; empty when memory runs out.
     std::string CreateSelectStatement(const std::string& table, const std::vector<std::string>& projection,
                                       const std::string& where, const std::string& order);
 
     /// Runs a SELECT.
     ///
-    /// @param arguments  bound to the "?" of the where clause, as PrepareBindStatement() does.
-    /// @param extra      not used.
-    /// @param preload    true (as in the overloads without it): all rows are read into the cursor's cache
-    /// now,
-    ///                   and the statement is released. False: the cursor steps a live statement, and must be
-    ///                   released before the connection is closed.
-    /// @return the cursor, before its first row; empty on failure. Kept: a preload that meets an error gives
-    ///         a cursor with the rows read so far, which looks like a shorter result.
+    /// Kept: a preload that meets an error gives a cursor with the rows read so far, which looks like a
+    /// shorter result.
+    ///
+    /// @param table       as for CreateSelectStatement().
+    /// @param projection  as for CreateSelectStatement().
+    /// @param where       as for CreateSelectStatement().
+    /// @param order       as for CreateSelectStatement().
+    /// @param preload     true: all rows are read into the cursor's cache now, and the statement is released.
+    ///                    False: the cursor steps a live statement, and must be released before the
+    ///                    connection is closed.
+    /// @return the cursor, before its first row, which borrows the connection's handle; empty on failure.
     std::shared_ptr<ISQLiteCursor> SelectRequest(const std::string& table,
                                                  const std::vector<std::string>& projection,
                                                  const std::string& where, const std::string& order,
                                                  const bool& preload);
+    /// Runs a SELECT, preloaded.
+    ///
+    /// @param table       as for CreateSelectStatement().
+    /// @param projection  as for CreateSelectStatement().
+    /// @param where       as for CreateSelectStatement().
+    /// @param order       as for CreateSelectStatement().
+    /// @return the cursor, before its first row; empty on failure.
     std::shared_ptr<ISQLiteCursor> SelectRequest(const std::string& table,
                                                  const std::vector<std::string>& projection,
                                                  const std::string& where, const std::string& order);
+    /// Runs a SELECT with arguments.
+    ///
+    /// Kept: as without arguments; and a statement whose arguments could not be bound stays until the
+    /// connection closes.
+    ///
+    /// @param table       as for CreateSelectStatement().
+    /// @param projection  as for CreateSelectStatement().
+    /// @param where       as for CreateSelectStatement().
+    /// @param arguments   bound to the "?" of the where clause, as PrepareBindStatement() does.
+    /// @param order       as for CreateSelectStatement().
+    /// @param extra       not used.
+    /// @param preload     as without arguments.
+    /// @return the cursor, before its first row, which borrows the connection's handle; empty on failure.
     std::shared_ptr<ISQLiteCursor> SelectRequest(const std::string& table,
                                                  const std::vector<std::string>& projection,
                                                  const std::string& where,
                                                  const std::vector<std::string>& arguments,
                                                  const std::string& order, const std::string& extra,
                                                  const bool& preload);
+    /// Runs a SELECT with arguments, preloaded.
+    ///
+    /// @param table       as for CreateSelectStatement().
+    /// @param projection  as for CreateSelectStatement().
+    /// @param where       as for CreateSelectStatement().
+    /// @param arguments   bound to the "?" of the where clause, as PrepareBindStatement() does.
+    /// @param order       as for CreateSelectStatement().
+    /// @param extra       not used.
+    /// @return the cursor, before its first row; empty on failure.
     std::shared_ptr<ISQLiteCursor> SelectRequest(const std::string& table,
                                                  const std::vector<std::string>& projection,
                                                  const std::string& where,
                                                  const std::vector<std::string>& arguments,
                                                  const std::string& order, const std::string& extra);
 
-    // ---- Insert ---------------------------------------------------------------------------------------
-    //
-    // A bundle's keys are column names, its values their text. Text and byte values (up to their first zero
-    // byte) become columns; arrays and the key TilesModel::EVENT_TILES_SYNC_KEY do not. Kept: columns stand
-    // in the order of the addresses of the key strings inside the bundle. The bundle is borrowed for the call
-    // and must not be changed meanwhile.
-    //
-    // `conflict` selects an entry of CONFLICT_VALUES: 0 none, 1 rollback, 2 abort, 3 fail, 4 ignore, 5
-    // replace. It is not checked: any other number is undefined behaviour.
+    /// @}
+    /// @name Insert
+    ///
+    /// A bundle's keys are column names, its values their text. Text and byte values (up to their first zero
+    /// byte) become columns; arrays and the key TilesModel::EVENT_TILES_SYNC_KEY do not. Kept: columns stand
+    /// in the order of the addresses of the key strings inside the bundle. The bundle is borrowed for the
+    /// call and must not be changed meanwhile.
+    ///
+    /// `conflict` selects an entry of CONFLICT_VALUES: 0 none, 1 rollback, 2 abort, 3 fail, 4 ignore, 5
+    /// replace. It is not checked: any other number is undefined behaviour.
+    /// @{
 
     /// Collects one entry of a bundle; the callback for bundle_foreach().
     ///
-    /// @param userData  a std::map<const char*, const char*>, from key to value; it borrows the bundle's
-    /// text.
+    /// @param key       the entry's key.
+    /// @param type      its type, as the platform counts types; text and bytes are collected.
+    /// @param value     the entry, read only.
+    /// @param userData  a `std::map<const char*, const char*>`, from key to value; it borrows the bundle's
+    ///                  text.
     static void ConvertBundleToMap(const char* key, int type, const keyval_t* value, void* userData);
 
-    /// Writes an INSERT with the values in the text. Kept: values are written bare: put SQL literals in the
-    /// bundle. Empty when the bundle has no column.
+    /// Writes an INSERT with the values in the text.
+    ///
+    /// Kept: values are written bare: put SQL literals in the bundle.
+    ///
+    /// @param table     the table's name.
+    /// @param pBundle   the columns and their values.
+    /// @param conflict  the conflict clause's number.
+    /// @return the text; empty when the bundle has no column, and when memory runs out.
     std::string CreateInsertStatement(const std::string& table, _bundle_t* pBundle, int conflict);
 
     /// Writes an INSERT with a "?" a value.
     ///
+    /// @param table      the table's name.
+    /// @param pBundle    the columns and their values.
+    /// @param conflict   the conflict clause's number.
     /// @param arguments  out: the values, in the order of the "?".
-    /// @return the text; empty when the bundle has no column.
+    /// @return the text; empty when the bundle has no column, and when memory runs out.
     std::string CreateInsertStatementWithWildcard(const std::string& table, _bundle_t* pBundle, int conflict,
                                                   std::vector<std::string>& arguments);
 
     /// Inserts one row. GetLastInsertRowID() tells its row id.
     ///
+    /// @param table     the table's name.
+    /// @param pBundle   the columns and their values.
+    /// @param conflict  the conflict clause's number.
     /// @return 0; -22 for a null bundle or one without a column; -16 when its step stayed busy; else the
     ///         mapped code. 0xC0000000 stands, among others, for a violated constraint, for no handle, and
     ///         for a statement that could not be prepared.
     int InsertWithOnConflict(const std::string& table, _bundle_t* pBundle, int conflict);
 
     /// InsertWithOnConflict() without a conflict clause.
+    ///
+    /// @param table    the table's name.
+    /// @param pBundle  the columns and their values.
+    /// @return as InsertWithOnConflict().
     int InsertRequest(const std::string& table, _bundle_t* pBundle);
 
-    // ---- Update ---------------------------------------------------------------------------------------
-
-    /// Writes an UPDATE with the values in the text, bare as in CreateInsertStatement().
+    /// @}
+    /// @name Update
     ///
-    /// @param where  condition; empty for every row.
+    /// Bundles and conflict clauses are those of an insert.
+    /// @{
+
+    /// Writes an UPDATE with the values in the text.
+    ///
+    /// Kept: values are written bare, as by CreateInsertStatement().
+    ///
+    /// @param table     the table's name.
+    /// @param pBundle   the columns and their values.
+    /// @param where     condition; empty for every row.
+    /// @param conflict  the conflict clause's number.
+    /// @return the text; empty when the bundle has no column, and when memory runs out.
     std::string CreateUpdateStatement(const std::string& table, _bundle_t* pBundle, const std::string& where,
                                       int conflict);
 
     /// Writes an UPDATE with a "?" a value.
     ///
-    /// @param arguments  in: those of the where clause; out: the bundle's values, then those.
+    /// @param table      the table's name.
+    /// @param pBundle    the columns and their values.
+    /// @param where      condition, with "?" where arguments belong; empty for every row.
+    /// @param conflict   the conflict clause's number.
+    /// @param arguments  in: those of the where clause; out: the bundle's values, then those. Left alone when
+    ///                   the text is empty.
+    /// @return the text; empty when the bundle has no column, and when memory runs out.
     std::string CreateUpdateStatementWithWildcard(const std::string& table, _bundle_t* pBundle,
                                                   const std::string& where, int conflict,
                                                   std::vector<std::string>& arguments);
 
-    /// Updates rows with the values in the text.
+    /// Updates rows with the values in the text, as CreateUpdateStatement() writes it.
     ///
-    /// @return 0; -22 for a null bundle or one without a column; else the mapped code.
+    /// @param table     the table's name.
+    /// @param pBundle   the columns and their values.
+    /// @param where     condition; empty for every row.
+    /// @param conflict  the conflict clause's number.
+    /// @return 0, also when no row meets the condition; -22 for a null bundle, one without a column, or no
+    ///         handle; else the mapped code.
     int UpdateWithOnConflict(const std::string& table, _bundle_t* pBundle, const std::string& where,
                              int conflict);
 
     /// Updates rows with bound values and arguments.
     ///
-    /// @return 0; -22 for a null bundle, one without a column, or a statement that could not be prepared;
-    ///         else the raw SQLite code (kept: not mapped), 5 or 6 when its step stayed busy.
+    /// Kept: SQLite's code is not mapped.
+    ///
+    /// @param table      the table's name.
+    /// @param pBundle    the columns and their values.
+    /// @param where      condition, with "?" where arguments belong; empty for every row.
+    /// @param arguments  the arguments of the condition.
+    /// @param conflict   the conflict clause's number.
+    /// @return 0, also when no row meets the condition; -22 for a null bundle, one without a column, no
+    ///         handle, or a statement that could not be prepared; else the raw SQLite code, 5 or 6 when its
+    ///         step stayed busy.
     int UpdateWithOnConflict(const std::string& table, _bundle_t* pBundle, const std::string& where,
                              std::vector<std::string> arguments, int conflict);
 
-    /// UpdateWithOnConflict() without a conflict clause.
+    /// UpdateWithOnConflict() without a conflict clause, with the values in the text.
+    ///
+    /// @param table    the table's name.
+    /// @param pBundle  the columns and their values.
+    /// @param where    condition; empty for every row.
+    /// @return as that operation: mapped.
     int UpdateRequest(const std::string& table, _bundle_t* pBundle, const std::string& where);
+    /// UpdateWithOnConflict() without a conflict clause, with bound values and arguments.
+    ///
+    /// @param table      the table's name.
+    /// @param pBundle    the columns and their values.
+    /// @param where      condition, with "?" where arguments belong; empty for every row.
+    /// @param arguments  the arguments of the condition.
+    /// @return as that operation: a raw SQLite code.
     int UpdateRequest(const std::string& table, _bundle_t* pBundle, const std::string& where,
                       std::vector<std::string> arguments);
 
-    // ---- Delete ---------------------------------------------------------------------------------------
+    /// @}
+    /// @name Delete
+    /// @{
 
-    /// Writes a DELETE. An empty where clause stands for every row.
+    /// Writes a DELETE.
+    ///
+    /// @param table  the table's name.
+    /// @param where  condition; empty for every row.
+    /// @return the text; empty when memory runs out.
     std::string CreateDeleteStatement(const std::string& table, const std::string& where);
 
-    /// Deletes rows. @return 0, or the mapped code.
+    /// Deletes rows.
+    ///
+    /// @param table  the table's name.
+    /// @param where  condition; empty for every row.
+    /// @return 0, also when no row meets the condition; -22 without a handle; else the mapped code.
     int DeleteRequest(const std::string& table, const std::string& where);
 
     /// Deletes rows with arguments bound to the where clause.
     ///
-    /// @return 0; -22 for a statement that could not be prepared; else the raw SQLite code (kept: not
-    /// mapped),
-    ///         5 or 6 when its step stayed busy.
+    /// Kept: SQLite's code is not mapped.
+    ///
+    /// @param table      the table's name.
+    /// @param where      condition, with "?" where arguments belong; empty for every row.
+    /// @param arguments  the arguments of the condition.
+    /// @return 0, also when no row meets the condition; -22 without a handle and for a statement that could
+    ///         not be prepared; else the raw SQLite code, 5 or 6 when its step stayed busy.
     int DeleteRequest(const std::string& table, const std::string& where,
                       const std::vector<std::string>& arguments);
 
-    // ---- Files ----------------------------------------------------------------------------------------
-    //
-    // Neither takes the lock, but for a close that comes first, and neither waits for a busy database.
+    /// @}
+    /// @name Files
+    ///
+    /// Neither takes the lock, but for a close that comes first, and neither waits for a busy database.
+    /// @{
 
     /// Removes a database file, then its side files "-journal", "-shm" and "-wal".
     ///
+    /// Kept: it stops at the first file that cannot be removed, a missing one included; so it mostly answers
+    /// false although the database file is gone.
+    ///
     /// @param path  directory, ending in a slash.
     /// @param name  file name.
-    /// @return true when all four were there and are gone. Kept: it stops at the first file that cannot be
-    ///         removed, a missing one included; so it mostly answers false although the database file is
-    ///         gone.
+    /// @return true when all four were there and are gone.
     bool DeleteDatabase(const std::string& path, const std::string& name);
 
     /// Copies a database file over another one, page by page, while others may use the source.
+    ///
+    /// Kept: a target that cannot be opened leaves SQLite's handle of it behind.
     ///
     /// @param source      path of the file to copy.
     /// @param target      path of the copy, created when missing; its content is replaced.
@@ -325,22 +516,27 @@ public:
     ///                    over, its own file.
     /// @return true when the copy is complete; false for an empty path, a file that cannot be opened or is no
     ///         database, and a locked source or target.
-    /// Kept: a target that cannot be opened leaves SQLite's handle of it behind.
     bool CopyDBFile(std::string source, std::string target, bool closeFirst);
 
-    /// The conflict clauses, by number.
+    /// @}
+
+    /// The conflict clauses, by number, each between two blanks: 0 none (a single blank), 1 OR ROLLBACK,
+    /// 2 OR ABORT, 3 OR FAIL, 4 OR IGNORE, 5 OR REPLACE.
     static const std::string CONFLICT_VALUES[6];
 
 protected:
-    /// Serialises the operations named above; null when it could not be made: such a connection works, and
-    /// its callers serialise everything.
+    /// Serialises the operations named above, owned; null when it could not be made: such a connection works,
+    /// and its callers serialise everything.
     CDBLock* m_pLock;
+    /// The database file's directory, ending in a slash.
     std::string m_dbPath;
+    /// The database file's name.
     std::string m_dbName;
+    /// The open mode given at construction.
     int m_openMode;
     /// The last foreign-key switch.
     bool m_foreignKeysEnabled;
-    /// The handle; null when closed. Written under `m_pLock`; the requests read it without.
+    /// The handle, owned; null when closed. Written under `m_pLock`; the requests read it without.
     sqlite3* m_pDB;
 };
 

@@ -1,9 +1,13 @@
 #ifndef VANTRY_EXPORT_H
 #define VANTRY_EXPORT_H
 
-/// Marks what the library exports; everything without the mark is hidden.
+/// @file
+/// The marks of what a program can link against.
+
+/// Marks a class or a constant that the library exports. Everything without the mark is hidden: a program
+/// that names it does not link.
 #define VANTRY_API __attribute__((visibility("default")))
-/// Takes a member of an exported class out again.
+/// Takes one member of an exported class out again.
 #define VANTRY_LOCAL __attribute__((visibility("hidden")))
 
 #endif
