@@ -19,8 +19,8 @@
 ///
 /// @dotfile stored-result.dot "From StoreCursor() to GetCursor()"
 ///
-/// Threads: the three operations take no lock and may be called from many threads at once; the cursor that
-/// one stores must not be moved meanwhile.
+/// Threads: the three operations may be called from many threads at once, and take no lock but that of the
+/// object which GetCursor() fetches; the cursor that one stores must not be moved meanwhile.
 ///
 /// Memory: no operation throws. One that runs out of memory logs it and fails in its own way: -12 or -14,
 /// null or an empty text.
