@@ -40,6 +40,11 @@ service_headers() {
 expected_output='7|Cinema
 1|2097152| OR REPLACE '
 
+expected_films="The General|1926|8.5|01100
+Sherlock Jr.|1924|8|01100
+'|1|0|01110
+Safety Last!|-1|0|10000"
+
 # Runs a built program with the libraries that it finds, or with those of a folder.
 run() {
     local program=$1 folder=${2:-} output
@@ -97,6 +102,7 @@ case_headers() {
     install_tree
     local compiler standard header flags
     flags=$(pkg-config --cflags sqlite3)
+    local exceptions warnings='-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror'
     local compilers=()
     for compiler in "$CXX" g++ clang++; do
         ! command -v "$compiler" > /dev/null || [[ " ${compilers[*]:-} " == *" $compiler "* ]] ||
@@ -108,13 +114,20 @@ case_headers() {
                 # Beside the library's own headers only: a program that passes no bundle needs no bundle header.
                 echo "#include <$header>" > "$work/alone.cpp"
                 # shellcheck disable=SC2086
-                "$compiler" -std=c++$standard -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$source/include" \
+                "$compiler" -std=c++$standard $warnings -fsyntax-only -I"$source/include" \
                     $flags "$work/alone.cpp" || fail "$header as C++$standard by $compiler"
             done
             for header in $(service_headers); do
                 echo "#include <$header>" > "$work/alone.cpp"
                 "$compiler" -std=c++$standard -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$include" \
                     "$work/alone.cpp" || fail "$header as C++$standard by $compiler"
+            done
+            # Templates are looked at where they are used.
+            for exceptions in '' '-fno-exceptions -fno-rtti'; do
+                # shellcheck disable=SC2086,SC2046
+                "$compiler" -std=c++$standard $warnings $exceptions -fsyntax-only $(pkgconfig --cflags vantry) \
+                    "$here/extras.cpp" ||
+                    fail "extras.cpp as C++$standard $exceptions by $compiler"
             done
         done
         echo "${compilers[*]}: $compiler done"
@@ -183,6 +196,11 @@ case_pkgconfig() {
     # shellcheck disable=SC2086,SC2046
     "$CXX" $CXXFLAGS -std=c++11 -o "$work/program" "$here/program.cpp" $(pkgconfig --cflags --libs vantry) $LDFLAGS
     run "$work/program" "$lib"
+    # shellcheck disable=SC2086,SC2046
+    "$CXX" $CXXFLAGS -std=c++11 -o "$work/extras" "$here/extras.cpp" $(pkgconfig --cflags --libs vantry) $LDFLAGS
+    mkdir "$work/films"
+    equal "$(LD_LIBRARY_PATH=$lib DLOG_LEVEL=error "$work/extras" "$work/films")" "$expected_films" \
+        "what extras.cpp printed"
 }
 
 case_package() {
