@@ -1,8 +1,6 @@
 // The pieces of code in docs/guide.md and README.md, and a program that runs them. A piece stands between two lines
 // "// [name]"; scripts/snippets copies it into the pages.
 
-#include <bundle.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +11,7 @@
 #include "ContentHelper.h"
 #include "SharedQueryObject.h"
 #include "VantryConnection.h"
+#include "VantryExtras.h"
 
 namespace {
 
@@ -24,27 +23,49 @@ void Expect(bool good, const char* what) {
 }
 
 struct Film {
-    const char* title;
-    const char* year;
+    std::string title;
+    int year;
 };
 
 // [write]
 bool WriteFilms(CVantryConnection& connection, const std::vector<Film>& films) {
-    std::string error;
-    // BeginTransaction() and EndTransaction() do the same; these two tell whether they succeeded.
-    if (connection.ExcuteSQL("BEGIN IMMEDIATE;", error) != 0) {
-        return false;
+    // Rolled back when it is left before its commit.
+    CTransactionScope transaction(connection);
+    if (transaction.Result() != 0) {
+        return false;  // -16: another process writes, and did not end in 0.9 s
     }
-    bool good = true;
     for (const Film& film : films) {
-        const std::unique_ptr<bundle, int (*)(bundle*)> row(bundle_create(), bundle_free);
-        bundle_add_str(row.get(), "title", film.title);
-        bundle_add_str(row.get(), "year", film.year);
-        good = good && connection.InsertRequest("films", row.get()) == 0;
+        CBundle row;
+        row.Put("title", film.title);
+        row.Put("year", film.year);
+        if (connection.InsertRequest("films", row.Get()) != 0) {
+            return false;
+        }
     }
-    return connection.ExcuteSQL(good ? "COMMIT;" : "ROLLBACK;", error) == 0 && good;
+    return transaction.Commit() == 0;
 }
 // [write]
+
+// [bulk]
+// Puts the films of a service in the place of those that are there: all of them, or nothing has changed.
+bool Sync(CVantryConnection& connection, const std::vector<Film>& films) {
+    CTransactionScope transaction(connection);
+    if (transaction.Result() != 0 || connection.DeleteRequest("films", "") != 0) {
+        return false;
+    }
+    CBulkInsert rows(transaction, "films", {"title", "year"});
+    for (const Film& film : films) {
+        if (rows.Insert(film.title, film.year) != 0) {
+            return false;
+        }
+    }
+    int committed = transaction.Commit();
+    if (committed == -16) {
+        committed = transaction.Commit();  // a reader was in the way; the transaction is open still
+    }
+    return committed == 0;
+}
+// [bulk]
 
 bool CreateAndFill(const std::string& directory) {
     // [open]
@@ -56,14 +77,14 @@ bool CreateAndFill(const std::string& directory) {
     connection.ExcuteSQL(
         "CREATE TABLE IF NOT EXISTS films (_id INTEGER PRIMARY KEY, title TEXT, year INTEGER)", error);
     // [open]
-    return WriteFilms(connection, {{"The General", "1926"}, {"Sherlock Jr.", "1924"}, {"Häxan", "1922"}});
+    return WriteFilms(connection, {{"The General", 1926}, {"Sherlock Jr.", 1924}, {"Häxan", 1922}});
 }
 
 bool Change(CVantryConnection& connection) {
     // [change]
-    const std::unique_ptr<bundle, int (*)(bundle*)> row(bundle_create(), bundle_free);
-    bundle_add_str(row.get(), "title", "Witchcraft Through the Ages");
-    const bool updated = connection.UpdateRequest("films", row.get(), "title = ?", {"Häxan"}) == 0;
+    CBundle row;
+    row.Put("title", "Witchcraft Through the Ages");
+    const bool updated = connection.UpdateRequest("films", row.Get(), "title = ?", {"Häxan"}) == 0;
     const bool deleted = connection.DeleteRequest("films", "year < ?", {"1900"}) == 0;
     // [change]
     return updated && deleted;
@@ -91,21 +112,31 @@ std::vector<std::string> TitlesSince(CVantryConnection& connection, int year) {
 // [complete]
 // Reads years from a live statement. Only -34 says that the result was read to its end.
 bool SumOfYears(CVantryConnection& connection, long long& sum) {
-    const auto cursor = connection.SelectRequest("films", {"year"}, "", "", false);
-    if (!cursor) {
-        return false;
-    }
-    int code = 0;
+    CRows rows(connection.SelectRequest("films", {"year"}, "", "", false));
     sum = 0;
-    while ((code = cursor->MoveNextStep()) == 0) {
-        long long year = 0;
-        if (cursor->GetColumnType(0) == 0 && cursor->GetInteger64Data(0, year) == 0) {
-            sum += year;
-        }
+    for (auto row : rows) {
+        sum += row.Get<long long>("year").ValueOr(0);  // a film without a year has null
     }
-    return code == -34;
+    return rows.Result() == -34;
 }
 // [complete]
+
+// [rows]
+void PrintFilms(const std::shared_ptr<ISQLiteCursor>& cursor) {
+    CRows rows(cursor);
+    for (auto row : rows) {
+        const auto title = row.Get<std::string>("title").ValueOr("(no title)");
+        if (const auto year = row.Get<int>("year")) {
+            std::printf("%s, %d\n", title.c_str(), year.Value());
+        } else {
+            std::printf("%s\n", title.c_str());
+        }
+    }
+    if (!rows.IsAtEnd()) {
+        std::printf("... and perhaps more (%d)\n", rows.Result());
+    }
+}
+// [rows]
 
 // [walk]
 void PrintBothWays(ISQLiteCursor& cursor) {
@@ -221,7 +252,13 @@ void RunAll(const std::string& directory) {
         long long sum = 0;
         Expect(SumOfYears(connection, sum) && sum == 1926 + 1924 + 1922, "complete");
         Expect(Change(connection), "change");
+        PrintFilms(connection.SelectRequest("films", {}, "", "title"));
         PrintBothWays(*connection.SelectRequest("films", {}, "", "title"));
+        const std::vector<Film> films = {{"The General", 1926}, {"Häxan", 1922}, {"'Way Down East'", 1920}};
+        Expect(Sync(connection, films) && Sync(connection, films), "sync");
+        Expect(TitlesSince(connection, 1900) ==
+                   std::vector<std::string>({"The General", "Häxan", "'Way Down East'"}),
+               "read what was synchronised");
         std::string name;
         int size = 0;
         Expect(Offer(connection, name, size), "store");

@@ -1,11 +1,9 @@
 #include "TilesStore.h"
 
-#include <bundle.h>
-
-#include <memory>
 #include <stdexcept>
 
 #include "TilesModel.h"
+#include "VantryExtras.h"
 
 namespace Accelerators = TilesModel::Accelerators;
 namespace Sections = TilesModel::Sections;
@@ -14,56 +12,19 @@ namespace InternalAccelerators = TilesInternalModel::Accelerators;
 
 namespace {
 
-// One row's columns on the way into the database.
-class Row {
-public:
-    Row() : m_bundle(bundle_create(), bundle_free) {}
-
-    Row& Put(const std::string& column, const std::string& value) {
-        if (bundle_add_str(m_bundle.get(), column.c_str(), value.c_str()) != BUNDLE_ERROR_NONE) {
-            throw std::runtime_error("the value of column " + column + " cannot be stored");
-        }
-        return *this;
-    }
-    Row& Put(const std::string& column, int value) { return Put(column, CContentHelper::ToSQLFormat(value)); }
-
-    bundle* Get() const { return m_bundle.get(); }
-
-private:
-    std::unique_ptr<bundle, int (*)(bundle*)> m_bundle;
-};
-
 void Require(int result, const std::string& what) {
     if (result != 0) {
         throw std::runtime_error(what + " failed with " + CContentHelper::ToSQLFormat(result));
     }
 }
 
-// A transaction that ends one way or the other. The library tells of a failed commit only in its log, so the caller
-// counts afterwards.
-class Transaction {
-public:
-    explicit Transaction(CVantryConnection& connection) : m_connection(connection) {
-        m_connection.BeginTransaction();
-    }
-    Transaction(const Transaction&) = delete;
-    Transaction& operator=(const Transaction&) = delete;
-    ~Transaction() { m_connection.EndTransaction(m_good); }
-    void Succeed() { m_good = true; }
-
-private:
-    CVantryConnection& m_connection;
-    bool m_good = false;
-};
-
 int CountRows(CVantryConnection& connection, const std::string& table, const std::string& where,
               const std::vector<std::string>& arguments) {
     const auto cursor = connection.SelectRequest(table, {"count(*)"}, where, arguments, "", "");
-    int count = -1;
-    if (!cursor || cursor->MoveNextStep() != 0 || cursor->GetIntegerData(0, count) != 0) {
+    if (!cursor || cursor->MoveNextStep() != 0) {
         throw std::runtime_error("the rows of " + table + " cannot be counted");
     }
-    return count;
+    return CRow(*cursor).Get<int>(0).ValueOr(-1);
 }
 
 const char* const SCHEMA[] = {
@@ -111,95 +72,88 @@ TilesStore::Written TilesStore::Fill(const Catalogue& catalogue) {
     if (connection == nullptr) {
         throw std::runtime_error(File() + " cannot be opened");
     }
-    const std::string expired = "1000000000";
+    const int expired = 1000000000;
     const std::string now = "1800000000";
     Written written;
-    {
-        Transaction transaction(*connection);
-        // The sections and tiles go with their accelerators.
-        Require(connection->DeleteRequest("accelerators", ""), "emptying the tables");
+    CTransactionScope transaction(*connection, true);
+    Require(transaction.Result(), "beginning a transaction");
+    // The sections and tiles go with their accelerators.
+    Require(connection->DeleteRequest("accelerators", ""), "emptying the tables");
+    // There are few of the others, and very many of these.
+    CBulkInsert tiles(transaction, "tiles",
+                      {Tiles::TILE_ID, Tiles::TILE_SECTION_RAW_ID, Tiles::TILE_TYPE, Tiles::TILE_TITLE,
+                       Tiles::TILE_SUBTITLE, Tiles::TILE_ACTION_TYPE, Tiles::TILE_ACTION_DETAILS,
+                       Tiles::TILE_IMAGE_PATH, Tiles::TILE_IMAGE_RATIO, Tiles::TILE_IMAGE_WIDTH,
+                       Tiles::TILE_IMAGE_HEIGHT, Tiles::TILE_PLAYABLE, Tiles::TILE_POSITION});
+    Require(tiles.Result(), "preparing the tiles");
 
-        int position = 0;
-        for (const auto& accelerator : catalogue.accelerators) {
-            Row row;
-            row.Put(Accelerators::ACCELERATOR_ID, accelerator.id)
-                .Put(Accelerators::ACCELERATOR_TITLE, accelerator.title)
-                .Put(Accelerators::ACCELERATOR_ICON, accelerator.icon)
-                .Put(Accelerators::ACCELERATOR_ICON_UNFOCUSED, accelerator.iconUnfocused)
-                .Put(Accelerators::ACCELERATOR_ENABLED, ToSQLFormat(accelerator.enabled))
-                .Put(InternalAccelerators::ACCELERATOR_APP_PKG_NAME, accelerator.appPkgName)
-                .Put(InternalAccelerators::ACCELERATOR_POSITION, position++);
-            Require(connection->InsertRequest("accelerators", row.Get()), "inserting " + accelerator.id);
+    int position = 0;
+    for (const auto& accelerator : catalogue.accelerators) {
+        CBundle row;
+        row.Put(Accelerators::ACCELERATOR_ID, accelerator.id);
+        row.Put(Accelerators::ACCELERATOR_TITLE, accelerator.title);
+        row.Put(Accelerators::ACCELERATOR_ICON, accelerator.icon);
+        row.Put(Accelerators::ACCELERATOR_ICON_UNFOCUSED, accelerator.iconUnfocused);
+        row.Put(Accelerators::ACCELERATOR_ENABLED, accelerator.enabled);
+        row.Put(InternalAccelerators::ACCELERATOR_APP_PKG_NAME, accelerator.appPkgName);
+        row.Put(InternalAccelerators::ACCELERATOR_POSITION, position++);
+        Require(connection->InsertRequest("accelerators", row.Get()), "inserting " + accelerator.id);
+        ++written.inserted;
+        const long long acceleratorRow = connection->GetLastInsertRowID();
+
+        int sectionPosition = 0;
+        for (const auto& section : catalogue.sections) {
+            if (section.accelerator != accelerator.id) {
+                continue;
+            }
+            CBundle sectionRow;
+            sectionRow.Put(Sections::SECTION_ID, section.id);
+            sectionRow.Put(Sections::SECTION_TITLE, section.title);
+            sectionRow.Put(Sections::SECTION_POSITION, sectionPosition++);
+            sectionRow.Put(Sections::SECTION_ACCELERATOR_RAW_ID, acceleratorRow);
+            sectionRow.Put(Sections::SECTION_TITLE_DISPLAY_MODE, section.titleDisplayMode);
+            Require(connection->InsertRequest("sections", sectionRow.Get()), "inserting " + section.id);
             ++written.inserted;
-            const std::string acceleratorRow = ToSQLFormat(connection->GetLastInsertRowID());
+            const long long sectionId = connection->GetLastInsertRowID();
 
-            int sectionPosition = 0;
-            for (const auto& section : catalogue.sections) {
-                if (section.accelerator != accelerator.id) {
+            int tilePosition = 0;
+            for (const auto& tile : catalogue.tiles) {
+                if (tile.section != section.id) {
                     continue;
                 }
-                Row sectionRow;
-                sectionRow.Put(Sections::SECTION_ID, section.id)
-                    .Put(Sections::SECTION_TITLE, section.title)
-                    .Put(Sections::SECTION_POSITION, sectionPosition++)
-                    .Put(Sections::SECTION_ACCELERATOR_RAW_ID, acceleratorRow)
-                    .Put(Sections::SECTION_TITLE_DISPLAY_MODE, section.titleDisplayMode);
-                Require(connection->InsertRequest("sections", sectionRow.Get()), "inserting " + section.id);
-                ++written.inserted;
-                const std::string sectionId = ToSQLFormat(connection->GetLastInsertRowID());
-
-                int tilePosition = 0;
-                for (const auto& tile : catalogue.tiles) {
-                    if (tile.section != section.id) {
-                        continue;
-                    }
-                    Row tileRow;
-                    tileRow.Put(Tiles::TILE_ID, tile.id)
-                        .Put(Tiles::TILE_SECTION_RAW_ID, sectionId)
-                        .Put(Tiles::TILE_TYPE, Tiles::TileTypes::TILE_TYPE_SIMPLE)
-                        .Put(Tiles::TILE_TITLE, tile.title)
-                        .Put(Tiles::TILE_SUBTITLE, ToSQLFormat(tile.year) + " · " +
-                                                       ToSQLFormat(tile.minutes) + " min · " + tile.director)
-                        .Put(Tiles::TILE_ACTION_TYPE, Tiles::TileActionTypes::TILE_ACTION_HTTP_REQUEST)
-                        .Put(Tiles::TILE_ACTION_DETAILS, tile.url)
-                        .Put(Tiles::TILE_IMAGE_PATH, tile.image)
-                        .Put(Tiles::TILE_IMAGE_RATIO, Tiles::TileImageRatio::TILE_IMAGE_RATIO_2BY3)
-                        .Put(Tiles::TILE_IMAGE_WIDTH, 240)
-                        .Put(Tiles::TILE_IMAGE_HEIGHT, 360)
-                        .Put(Tiles::TILE_PLAYABLE, ToSQLFormat(true))
-                        .Put(Tiles::TILE_POSITION, tilePosition++);
-                    Require(connection->InsertRequest("tiles", tileRow.Get()), "inserting " + tile.id);
-                    ++written.inserted;
-                }
-
-                // A tile whose time is over, as a provider finds some at every start.
-                Row over;
-                over.Put(Tiles::TILE_ID, section.id + "-yesterday")
-                    .Put(Tiles::TILE_SECTION_RAW_ID, sectionId)
-                    .Put(Tiles::TILE_TITLE, "Yesterday's recommendation")
-                    .Put(Tiles::TILE_DISPLAY_UNTIL, expired);
-                Require(connection->InsertRequest("tiles", over.Get()), "inserting into " + section.id);
+                const std::string subtitle =
+                    ToSQLFormat(tile.year) + " · " + ToSQLFormat(tile.minutes) + " min · " + tile.director;
+                Require(tiles.Insert(tile.id, sectionId, Tiles::TileTypes::TILE_TYPE_SIMPLE, tile.title,
+                                     subtitle, Tiles::TileActionTypes::TILE_ACTION_HTTP_REQUEST, tile.url,
+                                     tile.image, Tiles::TileImageRatio::TILE_IMAGE_RATIO_2BY3, 240, 360, true,
+                                     tilePosition++),
+                        "inserting " + tile.id);
                 ++written.inserted;
             }
+
+            // A tile whose time is over, as a provider finds some at every start.
+            CBundle over;
+            over.Put(Tiles::TILE_ID, section.id + "-yesterday");
+            over.Put(Tiles::TILE_SECTION_RAW_ID, sectionId);
+            over.Put(Tiles::TILE_TITLE, "Yesterday's recommendation");
+            over.Put(Tiles::TILE_DISPLAY_UNTIL, expired);
+            Require(connection->InsertRequest("tiles", over.Get()), "inserting into " + section.id);
+            ++written.inserted;
         }
-
-        // The last tile of each long section moves to its front: by a where clause with arguments.
-        Row front;
-        front.Put(Tiles::TILE_POSITION, -1);
-        const std::string lastOfLongSections =
-            "display_until IS NULL AND position >= ? AND position = "
-            "(SELECT max(position) FROM tiles AS others WHERE others.section_id = tiles.section_id)";
-        written.updated = CountRows(*connection, "tiles", lastOfLongSections, {"30"});
-        Require(connection->UpdateRequest("tiles", front.Get(), lastOfLongSections, {"30"}), "moving tiles");
-
-        written.deleted = CountRows(*connection, "tiles", "display_until < ?", {now});
-        Require(connection->DeleteRequest("tiles", "display_until < ?", {now}), "deleting expired tiles");
-        transaction.Succeed();
     }
-    const int expected = static_cast<int>(catalogue.tiles.size());
-    if (CountRows(*connection, "tiles", "position >= ?", {"-1"}) != expected) {
-        throw std::runtime_error("the transaction was not committed");
-    }
+
+    // The last tile of each long section moves to its front: by a where clause with arguments.
+    CBundle front;
+    front.Put(Tiles::TILE_POSITION, -1);
+    const std::string lastOfLongSections =
+        "display_until IS NULL AND position >= ? AND position = "
+        "(SELECT max(position) FROM tiles AS others WHERE others.section_id = tiles.section_id)";
+    written.updated = CountRows(*connection, "tiles", lastOfLongSections, {"30"});
+    Require(connection->UpdateRequest("tiles", front.Get(), lastOfLongSections, {"30"}), "moving tiles");
+
+    written.deleted = CountRows(*connection, "tiles", "display_until < ?", {now});
+    Require(connection->DeleteRequest("tiles", "display_until < ?", {now}), "deleting expired tiles");
+    Require(transaction.Commit(), "committing");
     return written;
 }
 

@@ -19,6 +19,7 @@
 #include "Screen.h"
 #include "SharedQueryObject.h"
 #include "TilesModel.h"
+#include "VantryExtras.h"
 
 using nlohmann::json;
 namespace Accelerators = TilesModel::Accelerators;
@@ -45,16 +46,13 @@ struct Totals {
     double fetchMilliseconds = 0;
 };
 
-std::string Text(ISQLiteCursor& cursor, const std::string& column) {
-    std::string text;
-    cursor.GetStringData(cursor.GetColumnIndex(column), text);
-    return text;
+std::string Text(const CRow& row, const std::string& column) {
+    return row.Get<std::string>(column).ValueOr("");
 }
 
-long long Number(ISQLiteCursor& cursor, const std::string& column) {
-    long long number = -1;
-    cursor.GetInteger64Data(cursor.GetColumnIndex(column), number);
-    return number;
+// A row id, in the form of an argument.
+std::string RowId(const CRow& row, const std::string& column) {
+    return CContentHelper::ToSQLFormat(row.Get<long long>(column).ValueOr(-1));
 }
 
 class Client {
@@ -101,20 +99,20 @@ private:
 };
 
 // The tiles of a result, read forward; the way back must meet the same ones.
-std::vector<Screen::Tile> ReadTiles(ISQLiteCursor& cursor) {
+std::vector<Screen::Tile> ReadTiles(const std::shared_ptr<ISQLiteCursor>& cursor) {
     std::vector<Screen::Tile> tiles;
     const std::string scheme = "https://";
-    while (cursor.MoveNextStep() == 0) {
-        std::string address = Text(cursor, Tiles::TILE_ACTION_DETAILS);
+    for (auto row : CRows(cursor)) {
+        std::string address = Text(row, Tiles::TILE_ACTION_DETAILS);
         if (address.compare(0, scheme.size(), scheme) == 0) {
             address.erase(0, scheme.size());
         }
-        tiles.push_back({Text(cursor, Tiles::TILE_TITLE), Text(cursor, Tiles::TILE_SUBTITLE), address});
+        tiles.push_back({Text(row, Tiles::TILE_TITLE), Text(row, Tiles::TILE_SUBTITLE), address});
     }
     std::size_t met = tiles.empty() ? 0 : 1;
-    while (cursor.MovePreviousStep() == 0) {
+    while (cursor->MovePreviousStep() == 0) {
         ++met;
-        if (Text(cursor, Tiles::TILE_TITLE) != tiles[tiles.size() - met].title) {
+        if (Text(CRow(*cursor), Tiles::TILE_TITLE) != tiles[tiles.size() - met].title) {
             throw std::runtime_error("the way back met other tiles than the way there");
         }
     }
@@ -125,25 +123,22 @@ std::vector<Screen::Tile> ReadTiles(ISQLiteCursor& cursor) {
 }
 
 void Draw(Client& client, const Screen& screen, std::size_t shown, std::size_t& tileCount) {
-    const auto accelerators =
+    CRows accelerators(
         client.Query(Accelerators::CONTENT_URI,
                      {Accelerators::_ID, Accelerators::ACCELERATOR_TITLE, Accelerators::ACCELERATOR_ENABLED},
-                     "", {}, TilesInternalModel::Accelerators::ACCELERATOR_POSITION);
-    while (accelerators->MoveNextStep() == 0) {
-        screen.Accelerator(Text(*accelerators, Accelerators::ACCELERATOR_TITLE),
-                           Number(*accelerators, Accelerators::ACCELERATOR_ENABLED) == 1);
-        const auto sections =
-            client.Query(Sections::CONTENT_URI, {Sections::_ID, Sections::SECTION_TITLE},
-                         Sections::SECTION_ACCELERATOR_RAW_ID + "=?",
-                         {CContentHelper::ToSQLFormat(Number(*accelerators, Accelerators::_ID))},
-                         Sections::SECTION_POSITION);
-        while (sections->MoveNextStep() == 0) {
-            const auto cursor = client.Query(Tiles::CONTENT_URI, {}, Tiles::TILE_SECTION_RAW_ID + "=?",
-                                             {CContentHelper::ToSQLFormat(Number(*sections, Sections::_ID))},
-                                             Tiles::TILE_POSITION);
-            const auto tiles = ReadTiles(*cursor);
+                     "", {}, TilesInternalModel::Accelerators::ACCELERATOR_POSITION));
+    for (auto accelerator : accelerators) {
+        screen.Accelerator(Text(accelerator, Accelerators::ACCELERATOR_TITLE),
+                           accelerator.Get<bool>(Accelerators::ACCELERATOR_ENABLED).ValueOr(false));
+        CRows sections(client.Query(Sections::CONTENT_URI, {Sections::_ID, Sections::SECTION_TITLE},
+                                    Sections::SECTION_ACCELERATOR_RAW_ID + "=?",
+                                    {RowId(accelerator, Accelerators::_ID)}, Sections::SECTION_POSITION));
+        for (auto section : sections) {
+            const auto tiles =
+                ReadTiles(client.Query(Tiles::CONTENT_URI, {}, Tiles::TILE_SECTION_RAW_ID + "=?",
+                                       {RowId(section, Sections::_ID)}, Tiles::TILE_POSITION));
             tileCount += tiles.size();
-            screen.Section(Text(*sections, Sections::SECTION_TITLE), tiles, shown);
+            screen.Section(Text(section, Sections::SECTION_TITLE), tiles, shown);
         }
     }
 }
