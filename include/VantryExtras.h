@@ -82,7 +82,7 @@ public:
     explicit CValueText(const std::string& text) {
         SetText(text.c_str(), text.size());
         // Texts of bundles end at their first zero byte: half a value would be stored.
-        if (std::memchr(text.data(), '\0', text.size()) != nullptr) {
+        if (text.find('\0') != std::string::npos) {
             m_result = CODE_INVALID;
         }
     }
