@@ -20,6 +20,7 @@
 #include "SQLiteCursor.h"
 #include "TilesModel.h"
 #include "VantryConnection.h"
+#include "VantryExport.h"
 
 // Companions of the classes: what callers would otherwise write again and again, out of the public operations
 // alone. Everything stands in this header, and is compiled into the program that includes it.
@@ -33,12 +34,12 @@
 // The platform's bundle, declared ahead as its own header declares it; that header may come before this one,
 // after it, or not at all. NOLINTBEGIN(readability-redundant-declaration)
 extern "C" {
-_bundle_t* bundle_create(void);
-int bundle_free(_bundle_t* b);
-int bundle_add_str(_bundle_t* b, const char* key, const char* text);
-void bundle_foreach(_bundle_t* b, void (*iterator)(const char*, const int, const keyval_t*, void*),
-                    void* user_data);
-int bundle_keyval_get_basic_val(keyval_t* value, void** data, std::size_t* size);
+VANTRY_API _bundle_t* bundle_create(void);
+VANTRY_API int bundle_free(_bundle_t* b);
+VANTRY_API int bundle_add_str(_bundle_t* b, const char* key, const char* text);
+VANTRY_API void bundle_foreach(_bundle_t* b, void (*iterator)(const char*, const int, const keyval_t*, void*),
+                               void* user_data);
+VANTRY_API int bundle_keyval_get_basic_val(keyval_t* value, void** data, std::size_t* size);
 }
 // NOLINTEND(readability-redundant-declaration)
 
