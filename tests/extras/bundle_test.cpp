@@ -300,12 +300,21 @@ TEST_F(Bundle, Moved_TakesColumnsAndResult) {
     CBundle second(std::move(first));
     EXPECT_EQ(second.Get(), before);
     EXPECT_EQ(first.Get(), nullptr);  // NOLINT(bugprone-use-after-move): what it is afterwards is told
+    EXPECT_EQ(first.Result(), 0);
     EXPECT_EQ(first.Put("b", 2), 0);
     first.Put("c", nullptr);
     second = std::move(first);
     EXPECT_EQ(second.Result(), -22);
     EXPECT_EQ(first.Result(), 0);  // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(first.Get(), nullptr);
+}
+
+TEST_F(Bundle, MovedAfterAFailure_TakesTheFailure) {
+    CBundle first;
+    first.Put("a", nullptr);
+    const CBundle second(std::move(first));
+    EXPECT_EQ(second.Result(), -22);
+    EXPECT_EQ(first.Result(), 0);  // NOLINT(bugprone-use-after-move)
 }
 
 TEST_F(Bundle, MovedOntoItself_StaysAsItIs) {
