@@ -25,6 +25,14 @@ static_assert(!std::is_copy_assignable<CBundle>::value, "a bundle has one owner"
 static_assert(std::is_nothrow_move_constructible<CBundle>::value, "a bundle may be given away");
 static_assert(std::is_nothrow_move_assignable<CBundle>::value, "a bundle may be given away");
 
+// What a value is put as is never a matter of a conversion: a pointer is no bool, a character no number.
+template <typename T>
+constexpr bool CAN_BE_PUT = std::is_constructible<vantry::extras::CValueText, T>::value;
+static_assert(CAN_BE_PUT<const char*> && CAN_BE_PUT<std::string> && CAN_BE_PUT<bool> && CAN_BE_PUT<float>);
+static_assert(!CAN_BE_PUT<char> && !CAN_BE_PUT<wchar_t> && !CAN_BE_PUT<char16_t>);
+static_assert(!CAN_BE_PUT<int*> && !CAN_BE_PUT<const void*> && !CAN_BE_PUT<const unsigned char*>);
+static_assert(!CAN_BE_PUT<long double>);
+
 // The entries of a bundle, in its order, as "key=text".
 Texts Entries(const CBundle& row) {
     Texts entries;
