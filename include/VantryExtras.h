@@ -22,15 +22,17 @@
 #include "VantryConnection.h"
 #include "VantryExport.h"
 
-// Companions of the classes: what callers would otherwise write again and again, out of the public operations
-// alone. Everything stands in this header, and is compiled into the program that includes it.
-//
-// Memory: nothing here throws, but for the value that a CMaybe is given or gives by copy. Exceptions and RTTI
-// may be switched off; a shortage inside the C++ library then ends the program, as it does anywhere else in
-// it.
-//
-// Threads: one thread uses an object at a time.
+/// @file
+/// Companions of the classes: what callers would otherwise write again and again, out of the public
+/// operations alone. Everything stands in this header, and is compiled into the program that includes it.
+///
+/// Memory: nothing here throws, but for the value that a CMaybe is given or gives by copy. Exceptions and
+/// RTTI may be switched off; a shortage inside the C++ library then ends the program, as it does anywhere
+/// else in it.
+///
+/// Threads: one thread uses an object at a time.
 
+/// @cond
 // The platform's bundle, declared ahead as its own header declares it; that header may come before this one,
 // after it, or not at all. NOLINTBEGIN(readability-redundant-declaration)
 extern "C" {
@@ -144,8 +146,8 @@ private:
         }
     }
 
-    // Always 17 digits: they tell any two numbers apart, and SQLite, which rounds on its way, reads some shorter
-    // texts as the number beside.
+    // Always 17 digits: they tell any two numbers apart, and SQLite, which rounds on its way, reads some
+    // shorter texts as the number beside.
     void WriteDouble(double value) {
         if (value != value) {
             m_result = CODE_INVALID;  // SQLite has no such number
@@ -263,6 +265,7 @@ inline int FindColumn(ISQLiteCursor& cursor, const char* name) {
 
 }  // namespace extras
 }  // namespace vantry
+/// @endcond
 
 // ---- Reading ------------------------------------------------------------------------------------------
 
@@ -275,10 +278,13 @@ public:
     /// No value, with the code -22.
     CMaybe() : m_value(), m_result(vantry::extras::CODE_INVALID) {}
     /// A value.
+    ///
+    /// @param value  moved in.
     explicit CMaybe(T value) : m_value(std::move(value)), m_result(vantry::extras::CODE_OK) {}
     /// No value.
     ///
     /// @param result  why there is none; 0 counts as -22.
+    /// @return the object without a value.
     static CMaybe None(int result) {
         CMaybe none;
         none.m_result = result != vantry::extras::CODE_OK ? result : none.m_result;
@@ -286,15 +292,32 @@ public:
     }
 
     /// Tells whether there is a value.
+    ///
+    /// @return true when there is one.
     bool HasValue() const { return m_result == vantry::extras::CODE_OK; }
+    /// Tells whether there is a value.
     explicit operator bool() const { return HasValue(); }
-    /// Gives the value; T() when there is none.
+    /// Gives the value.
+    ///
+    /// @return the value, owned by this object; T() when there is none.
     const T& Value() const& { return m_value; }
+    /// Gives the value of a temporary away.
+    ///
+    /// @return the value; T() when there is none.
     T Value() && { return std::move(m_value); }
-    /// Gives the value, or `other` when there is none.
+    /// Gives the value, or another one.
+    ///
+    /// @param other  what is given when there is none.
+    /// @return the value, or `other`.
     T ValueOr(T other) const& { return HasValue() ? m_value : std::move(other); }
+    /// Gives the value of a temporary away, or another one.
+    ///
+    /// @param other  what is given when there is none.
+    /// @return the value, or `other`.
     T ValueOr(T other) && { return HasValue() ? std::move(m_value) : std::move(other); }
-    /// Tells 0, or why there is no value.
+    /// Tells why there is no value.
+    ///
+    /// @return 0 when there is one, else the code.
     int Result() const { return m_result; }
 
 private:
@@ -307,6 +330,8 @@ private:
 /// Columns are counted from 0, or named; of equal names the first counts.
 class CRow {
 public:
+    /// The row on which a cursor stands now.
+    ///
     /// @param cursor  borrowed for the row's life.
     explicit CRow(ISQLiteCursor& cursor) : m_pCursor(&cursor) {}
 
@@ -315,6 +340,7 @@ public:
     /// T is an integer type (but no character type), bool (an integer that is not 0), double, std::string (up
     /// to the text's first zero byte) or std::vector<unsigned char> (a blob).
     ///
+    /// @param column  the column, from 0.
     /// @return the value, or none with the code of the cursor's getter: -22 for null, for a value of another
     ///         type, for an integer that T cannot hold, and for a column that does not exist (the log tells
     ///         that one); -12 when memory ran out here, -14 when it did as the row was read, or when the
@@ -325,21 +351,42 @@ public:
         const int result = vantry::extras::CReader<T>::Read(*m_pCursor, column, value);
         return result == vantry::extras::CODE_OK ? CMaybe<T>(std::move(value)) : CMaybe<T>::None(result);
     }
+    /// Reads a value of a named column.
+    ///
+    /// @param name  the column's exact name.
+    /// @return as Get() by position.
     template <typename T>
     CMaybe<T> Get(const char* name) const {
         return Get<T>(vantry::extras::FindColumn(*m_pCursor, name));
     }
+    /// Reads a value of a named column.
+    ///
+    /// @param name  the column's exact name.
+    /// @return as Get() by position.
     template <typename T>
     CMaybe<T> Get(const std::string& name) const {
         return Get<T>(name.c_str());
     }
 
-    /// Tells whether a value is null; false also for a column that does not exist.
+    /// Tells whether a value is null.
+    ///
+    /// @param column  the column, from 0.
+    /// @return true for null; false also for a column that does not exist.
     bool IsNull(int column) const { return m_pCursor->GetColumnType(column) == vantry::extras::TYPE_NULL; }
+    /// Tells whether a value of a named column is null.
+    ///
+    /// @param name  the column's exact name.
+    /// @return true for null; false also for a column that does not exist.
     bool IsNull(const char* name) const { return IsNull(vantry::extras::FindColumn(*m_pCursor, name)); }
+    /// Tells whether a value of a named column is null.
+    ///
+    /// @param name  the column's exact name.
+    /// @return true for null; false also for a column that does not exist.
     bool IsNull(const std::string& name) const { return IsNull(name.c_str()); }
 
-    /// Gives the cursor, borrowed, for everything else that it can tell of the row.
+    /// Gives the cursor, for everything else that it can tell of the row.
+    ///
+    /// @return the cursor, borrowed.
     ISQLiteCursor& Cursor() const { return *m_pCursor; }
 
 private:
@@ -361,12 +408,14 @@ private:
 ///
 /// Ownership: shares the cursor. One with a live statement must be gone before its connection is closed, and
 /// so must this object.
+///
 /// Threads: no lock; it waits as the cursor's moves do.
 class CRows {
 public:
     /// Visits the rows one after the other.
     class iterator {
     public:
+        /// @cond
         using iterator_category = std::input_iterator_tag;
         using value_type = CRow;
         using difference_type = std::ptrdiff_t;
@@ -382,6 +431,7 @@ public:
         void operator++(int) { m_pRows->Step(); }
         bool operator==(const iterator& other) const { return IsEnd() == other.IsEnd(); }
         bool operator!=(const iterator& other) const { return !(*this == other); }
+        /// @endcond
 
     private:
         bool IsEnd() const { return m_pRows == nullptr || m_pRows->m_result != vantry::extras::CODE_OK; }
@@ -389,6 +439,8 @@ public:
         CRows* m_pRows;
     };
 
+    /// The rows from where a cursor stands.
+    ///
     /// @param cursor  what a request answered; an empty one, of a request that failed, has no rows and the
     ///                result -14.
     explicit CRows(std::shared_ptr<ISQLiteCursor> cursor)
@@ -398,10 +450,15 @@ public:
     CRows& operator=(const CRows&) = delete;
 
     /// Moves onto the next row.
+    ///
+    /// @return the place of that row, or of the end.
     iterator begin() {
         Step();
         return iterator(this);
     }
+    /// Gives the end.
+    ///
+    /// @return the place behind the last row.
     iterator end() { return iterator(nullptr); }
 
     /// Tells the code that ended the rows, and 0 before that.
@@ -413,7 +470,9 @@ public:
     ///         CSQLiteCursor::MAX_DB_CACHE_SIZE bytes fails so at its first move.
     int Result() const { return m_result; }
 
-    /// Tells whether the cursor has no more rows, as against: the loop was left, or a move failed.
+    /// Tells whether the cursor has no more rows.
+    ///
+    /// @return true at its end; false when the loop was left, a move failed, or there is no cursor.
     bool IsAtEnd() const {
         return m_pCursor &&
                (m_result == vantry::extras::CODE_END || m_result == vantry::extras::CODE_INVALID);
@@ -450,11 +509,17 @@ public:
     CBundle() = default;
     CBundle(const CBundle&) = delete;
     CBundle& operator=(const CBundle&) = delete;
-    /// Takes the other one's columns and result; the other is empty then.
+    /// Takes the columns and the result of another one.
+    ///
+    /// @param other  empty afterwards.
     CBundle(CBundle&& other) noexcept : m_pBundle(other.m_pBundle), m_result(other.m_result) {
         other.m_pBundle = nullptr;
         other.m_result = vantry::extras::CODE_OK;
     }
+    /// Takes the columns and the result of another one, in the place of its own.
+    ///
+    /// @param other  empty afterwards.
+    /// @return this object.
     CBundle& operator=(CBundle&& other) noexcept {
         std::swap(m_pBundle, other.m_pBundle);
         std::swap(m_result, other.m_result);
@@ -491,6 +556,11 @@ public:
         return text.Result() != vantry::extras::CODE_OK ? Fail(text.Result())
                                                         : Quote(key, text.Text(), text.Length());
     }
+    /// Puts a column, as Put() with a plain key does.
+    ///
+    /// @param key    the column's name, copied.
+    /// @param value  copied.
+    /// @return as there.
     template <typename T>
     int Put(const std::string& key, const T& value) {
         return Put(std::strlen(key.c_str()) == key.size() ? key.c_str() : nullptr, value);
@@ -502,7 +572,9 @@ public:
     ///         than to write a row that lacks a column.
     _bundle_t* Get() const { return m_result == vantry::extras::CODE_OK ? m_pBundle : nullptr; }
 
-    /// Tells the code of the first Put() that failed, 0 when none did.
+    /// Tells whether every Put() succeeded.
+    ///
+    /// @return 0, or the code of the first that failed.
     int Result() const { return m_result; }
 
     /// Makes the bundle empty, its result 0.
@@ -603,18 +675,20 @@ private:
 /// (0xC0000000), and leaves that transaction alone.
 ///
 /// Ownership: borrows the connection, which must outlive it.
+///
 /// Threads: each of begin, commit and rollback takes the connection's lock, and waits as ExcuteSQL() does. A
 /// transaction is the connection's, not the thread's: callers that share a connection between threads
 /// serialise the whole of it.
+///
 /// Left to the caller: SQLite itself ends a transaction after some failures (no space, input or output,
 /// memory, and a conflict under the algorithm "rollback"); requests made after that are transactions of their
 /// own. Stop at the first request that failed, or ask IsActive().
 class CTransactionScope {
 public:
-    /// Begins a transaction.
+    /// Begins a transaction; Result() tells whether it began.
     ///
-    /// @param exclusive  true to keep readers out as well; false to keep out writers only.
-    /// @see Result() for whether it began.
+    /// @param connection  borrowed.
+    /// @param exclusive   true to keep readers out as well; false to keep out writers only.
     explicit CTransactionScope(CVantryConnection& connection, bool exclusive = false)
         : m_pConnection(&connection) {
         m_result = Run(exclusive ? "BEGIN EXCLUSIVE" : "BEGIN IMMEDIATE");
@@ -659,6 +733,8 @@ public:
     }
 
     /// Tells whether the transaction is open, asking SQLite itself.
+    ///
+    /// @return true while it is; also when memory does not suffice to ask.
     bool IsActive() const {
         if (!m_active) {
             return false;
@@ -675,7 +751,9 @@ public:
         return active;
     }
 
-    /// Gives SQLite's message of the last begin, commit or rollback that failed; empty when none did.
+    /// Gives SQLite's message of the last begin, commit or rollback that failed.
+    ///
+    /// @return the text, owned by this object; empty when none failed.
     const std::string& Error() const { return m_error; }
 
 private:
@@ -723,16 +801,18 @@ private:
 ///
 /// Ownership: borrows the connection, or a scope, which must outlive it, and owns a statement: leave it
 /// before the connection is closed.
+///
 /// Threads: begin and commit as CTransactionScope; Insert() takes no lock, and waits as a cursor's move does.
 class CBulkInsert {
 public:
-    /// Begins a transaction of its own, rolled back when this object is left without a commit.
+    /// Begins a transaction of its own, rolled back when this object is left without a commit. Result() tells
+    /// whether it can insert.
     ///
+    /// @param connection  borrowed.
     /// @param table     taken as it stands, as the requests do; so are the columns.
     /// @param columns   their order is that of the values of a row. TilesModel::EVENT_TILES_SYNC_KEY is never
     ///                  a column.
     /// @param conflict  0 none, 1 rollback, 2 abort, 3 fail, 4 ignore, 5 replace.
-    /// @see Result() for whether it can insert.
     CBulkInsert(CVantryConnection& connection, const std::string& table,
                 const std::vector<std::string>& columns, int conflict = 0)
         : m_own(connection, CTransactionScope::NotBegun()), m_pScope(&m_own) {
@@ -747,6 +827,11 @@ public:
 
     /// Inserts within a transaction of the caller's, for several tables in one, say. Leaving this object
     /// changes nothing there; Commit() and Rollback() are the scope's.
+    ///
+    /// @param scope     borrowed.
+    /// @param table     as above.
+    /// @param columns   as above.
+    /// @param conflict  as above.
     CBulkInsert(CTransactionScope& scope, const std::string& table, const std::vector<std::string>& columns,
                 int conflict = 0)
         : m_own(*scope.m_pConnection, CTransactionScope::NotBegun()), m_pScope(&scope) {
@@ -777,8 +862,11 @@ public:
 
     /// Inserts a row.
     ///
-    /// @param values  one a column, in the columns' order: what CBundle::Put() takes, and nullptr (or a null
-    ///                const char*) for null. Borrowed for the call.
+    /// The values are one a column, in the columns' order: what CBundle::Put() takes, and nullptr (or a null
+    /// const char*) for null.
+    ///
+    /// @param first   the first value, borrowed for the call.
+    /// @param others  the others, borrowed for the call.
     /// @return 0, for a row that was ignored too; -22 for a number of values that is not that of the columns,
     ///         and for a value that CBundle::Put() refuses; else as InsertWithOnConflict() answers for its
     ///         step: 0xC0000000 for a violated constraint and a full database, -16 when it stayed busy or
@@ -800,6 +888,7 @@ public:
     /// Sets one value of the next row, for rows whose columns are known only when the program runs; copied.
     ///
     /// @param column  from 0, in the columns' order.
+    /// @param value   as for Insert().
     /// @return 0; -22 for a column that does not exist and a value that CBundle::Put() refuses, -12 when
     ///         memory ran out, 0xC0000000 for a text longer than SQLite takes: Insert() then answers the same
     ///         and writes no row. Without a transaction, Result().
@@ -829,10 +918,14 @@ public:
         return m_rowResult != vantry::extras::CODE_OK ? Forget(m_rowResult) : Step();
     }
 
-    /// Commits. @return as CTransactionScope::Commit(), so that it may be called again; else Result().
+    /// Commits.
+    ///
+    /// @return as CTransactionScope::Commit(), so that it may be called again; else Result().
     int Commit() { return m_result != vantry::extras::CODE_OK ? m_result : m_pScope->Commit(); }
 
-    /// Rolls back now. @return as CTransactionScope::Rollback().
+    /// Rolls back now.
+    ///
+    /// @return as CTransactionScope::Rollback().
     int Rollback() { return m_pScope->Rollback(); }
 
 private:
