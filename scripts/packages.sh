@@ -28,7 +28,7 @@ BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libsqlite3-dev)
 EXAMPLE_PACKAGES=(nlohmann-json3-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev sqlite3)
 FUZZ_PACKAGES=(clang libclang-rt-dev llvm)
-CHECK_PACKAGES=(clang-format clang-tidy)
+CHECK_PACKAGES=(clang-format clang-tidy cppcheck)
 DEVICE_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
 # For the other processor, in a folder of the build.
 SYSROOT_PACKAGES=(libstdc++6 libsqlite3-dev libgtest-dev libgmock-dev nlohmann-json3-dev)

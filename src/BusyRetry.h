@@ -15,8 +15,8 @@ constexpr bool IsBusy(int code) { return code == SQLITE_BUSY || code == SQLITE_L
 
 // What a retry tells the log: the operation that makes the call, and the call's name in the line.
 struct BusyVoice {
-    LogPlace place;
-    const char* call;
+    LogPlace place{};
+    const char* call = nullptr;
     int priority = DLOG_INFO;
 };
 

@@ -227,6 +227,7 @@ bool CContentHelper::CheckValidData(const std::string& table) {
     } catch (const std::exception&) {
         VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
     }
+    // cppcheck-suppress knownConditionTrueFalse ; the cursor has set it, through a reference
     if (rowId < 1) {
         VANTRY_LOGF(DLOG_DEBUG, "Data is not valid - Empty table : %s", table.c_str());
         return false;
