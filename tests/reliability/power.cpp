@@ -1,0 +1,369 @@
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Fixtures.h"
+#include "Ledger.h"
+#include "SystemCalls.h"
+
+// Takes the power away from a process that writes, again and again, and looks each time at what the disk has kept.
+
+namespace {
+
+using reliability::Arguments;
+using reliability::CallKind;
+using reliability::Ledger;
+using reliability::Random;
+using reliability::SystemCall;
+using reliability::SystemCalls;
+using support::TempDir;
+
+const std::string kUsage =
+    "Usage: power [--runs N] [--seed N] [--journal DELETE|EXTRA|TRUNCATE|WAL] [--calls N]\n"
+    "\n"
+    "Lets a process write transactions through the library and acknowledge each, on a disk that keeps what "
+    "was synced\n"
+    "and, of all the rest, a random part: of each file's writes by sectors of 512 bytes, of its changes of "
+    "size, and\n"
+    "of the directory's new and removed names; some sectors hold noise. The power goes after a random one of "
+    "the first\n"
+    "N changes (150) of a run. Then the database must be sound and hold every acknowledged transaction "
+    "whole, and at\n"
+    "most one more; the next process goes on from there, N times (20). The same seed (1) repeats it.\n"
+    "\n"
+    "DELETE is SQLite's standard: there the removal of the journal, which makes a commit, is not synced, so "
+    "the last\n"
+    "acknowledged transaction may be rolled back, whole; how often that was is told. EXTRA is DELETE with\n"
+    "PRAGMA synchronous=EXTRA; there, as with TRUNCATE and WAL, nothing acknowledged may be missing.\n";
+
+constexpr std::size_t SECTOR = 512;
+
+std::string Content(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+// One change of a file's content: bytes at an offset, or, without bytes, a new size.
+struct Change {
+    std::size_t offset;
+    std::string bytes;
+    bool resizes;
+
+    void Apply(std::string& content) const {
+        if (resizes) {
+            content.resize(offset, '\0');
+            return;
+        }
+        content.resize(std::max(content.size(), offset + bytes.size()), '\0');
+        content.replace(offset, bytes.size(), bytes);
+    }
+};
+
+struct File {
+    std::string synced;
+    std::vector<Change> unsynced;
+
+    void Sync() {
+        for (const Change& change : unsynced) {
+            change.Apply(synced);
+        }
+        unsynced.clear();
+    }
+
+    // What a disk may hold that was not asked to sync.
+    std::string AfterPowerLoss(Random& random) const {
+        std::string content = synced;
+        // How many of ten changes are there; and of the others, how many of ten left noise.
+        const long kept = random.Below(11);
+        const long noisy = random.Below(3) == 0 ? 2 : 0;
+        const bool inOrder = random.Below(4) == 0;
+        const long first = random.Below(static_cast<long>(unsynced.size()) + 1);
+        long number = 0;
+        for (const Change& change : unsynced) {
+            if (inOrder ? number++ < first : random.Below(10) < kept) {
+                change.Apply(content);
+            } else if (!change.resizes && random.Below(10) < noisy) {
+                Change noise = change;
+                for (char& byte : noise.bytes) {
+                    byte = static_cast<char>(random.Next());
+                }
+                noise.Apply(content);
+            }
+        }
+        return content;
+    }
+};
+using FilePointer = std::shared_ptr<File>;
+
+// A change of the directory: a name that leads to a file, or to none any more.
+struct NameChange {
+    std::string name;
+    FilePointer file;
+};
+
+// The disk under one directory. It begins with everything synced that is there.
+class Disk : public SystemCalls {
+public:
+    Disk(const std::string& directory, long changes, std::uint64_t seed)
+        : SystemCalls(false), m_directory(directory), m_left(changes), m_random(seed) {
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+            const auto file = std::make_shared<File>();
+            file->synced = Content(entry.path());
+            m_names[entry.path().filename()] = file;
+        }
+        m_syncedNames = m_names;
+    }
+
+    void After(const SystemCall& call, std::int64_t result) override {
+        if (result < 0) {
+            return;
+        }
+        switch (call.kind) {
+            case CallKind::Open:
+                Opened(call.path, static_cast<int>(result));
+                break;
+            case CallKind::Close:
+                m_files.erase(call.descriptor);
+                m_directories.erase(call.descriptor);
+                break;
+            case CallKind::Write:
+                Written(call, static_cast<std::size_t>(result));
+                break;
+            case CallKind::Truncate:
+                m_files.at(call.descriptor)
+                    ->unsynced.push_back({static_cast<std::size_t>(call.offset), "", true});
+                Changed();
+                break;
+            case CallKind::Sync:
+                Synced(call.descriptor);
+                Changed();
+                break;
+            case CallKind::Remove:
+                m_names.erase(NameIn(call.path));
+                m_unsyncedNames.push_back({NameIn(call.path), nullptr});
+                Changed();
+                break;
+            default:
+                break;
+        }
+    }
+
+    // Leaves in the directory what has survived, and ends the process.
+    [[noreturn]] void LosePower() {
+        std::map<std::string, FilePointer> names = m_syncedNames;
+        const bool inOrder = m_random.Below(2) == 0;
+        const long first = m_random.Below(static_cast<long>(m_unsyncedNames.size()) + 1);
+        long number = 0;
+        for (const NameChange& change : m_unsyncedNames) {
+            if (inOrder ? number++ < first : m_random.Below(2) == 0) {
+                names[change.name] = change.file;
+            }
+        }
+        std::map<std::string, std::string> survivors;
+        for (const auto& [name, file] : names) {
+            // The index of a write-ahead log is shared memory: what is in its file means nothing afterwards.
+            if (file != nullptr && name.find("-shm") == std::string::npos) {
+                survivors[name] = file->AfterPowerLoss(m_random);
+            }
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(m_directory)) {
+            std::filesystem::remove(entry.path());
+        }
+        for (const auto& [name, content] : survivors) {
+            std::ofstream(m_directory + name, std::ios::binary) << content;
+        }
+        _exit(0);
+    }
+
+private:
+    std::string NameIn(const std::string& path) const { return path.substr(m_directory.size()); }
+
+    void Opened(const std::string& path, int descriptor) {
+        if (path + "/" == m_directory) {
+            m_directories.insert(descriptor);
+            return;
+        }
+        if (path.compare(0, m_directory.size(), m_directory) != 0) {
+            return;
+        }
+        FilePointer& file = m_names[NameIn(path)];
+        const bool isNew = file == nullptr;
+        if (isNew) {
+            file = std::make_shared<File>();
+            m_unsyncedNames.push_back({NameIn(path), file});
+        }
+        m_files[descriptor] = file;
+        if (isNew) {
+            Changed();
+        }
+    }
+
+    void Written(const SystemCall& call, std::size_t written) {
+        const auto found = m_files.find(call.descriptor);
+        if (found == m_files.end()) {
+            return;
+        }
+        const auto begin = static_cast<std::size_t>(call.offset);
+        const char* const bytes = static_cast<const char*>(call.bytes);
+        for (std::size_t done = 0; done < written;) {
+            const std::size_t part = std::min(written - done, SECTOR - (begin + done) % SECTOR);
+            found->second->unsynced.push_back({begin + done, std::string(bytes + done, part), false});
+            done += part;
+        }
+        Changed();
+    }
+
+    void Synced(int descriptor) {
+        if (m_directories.count(descriptor) > 0) {
+            for (const NameChange& change : m_unsyncedNames) {
+                m_syncedNames[change.name] = change.file;
+            }
+            m_unsyncedNames.clear();
+        } else {
+            m_files.at(descriptor)->Sync();
+        }
+    }
+
+    void Changed() {
+        if (m_left > 0 && --m_left == 0) {
+            LosePower();
+        }
+    }
+
+    std::string m_directory;
+    long m_left;
+    Random m_random;
+    std::map<int, FilePointer> m_files;
+    std::set<int> m_directories;
+    std::map<std::string, FilePointer> m_names;
+    std::map<std::string, FilePointer> m_syncedNames;
+    std::vector<NameChange> m_unsyncedNames;
+};
+
+[[noreturn]] void WriteUntilDark(const std::string& directory, const std::string& pragmas, long changes,
+                                 std::uint64_t seed, int acknowledge) {
+    Disk disk(directory, changes, seed);
+    {
+        CVantryConnection connection(directory, "a.db", 6);
+        if (connection.OpenOperation() != 0 || !Ledger::Open(connection, pragmas)) {
+            _exit(3);
+        }
+        const long first = Ledger::Last(connection) + 1;
+        if (first < 1) {
+            _exit(4);
+        }
+        for (long number = first; number < first + 12; ++number) {
+            if (!Ledger::Write(connection, number)) {
+                _exit(5);
+            }
+            if (write(acknowledge, &number, sizeof number) != sizeof number) {
+                _exit(6);
+            }
+        }
+    }
+    disk.LosePower();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments(argc, argv, kUsage);
+    const long runs = arguments.Number("--runs", 20);
+    const long seed = arguments.Number("--seed", 1);
+    const long calls = arguments.Number("--calls", 150);
+    const std::string journal = arguments.Text("--journal", "DELETE");
+    arguments.Finish();
+    std::printf("power: %s, %ld runs, seed %ld\n", journal.c_str(), runs, seed);
+    const std::string pragmas = "PRAGMA journal_mode=" + (journal == "EXTRA" ? "DELETE" : journal) + ";" +
+                                (journal == "EXTRA" ? "PRAGMA synchronous=EXTRA;" : "") +
+                                "PRAGMA wal_autocheckpoint=20;PRAGMA cache_size=8;";
+    const long mayMiss = journal == "DELETE" ? 1 : 0;
+
+    const TempDir dir;
+    {
+        CVantryConnection connection(dir.Path(), "a.db", 6);
+        if (connection.OpenOperation() != 0 || !Ledger::Open(connection, "")) {
+            std::fputs("power: the ledger cannot be made\n", stderr);
+            return 3;
+        }
+    }
+    Random random(static_cast<std::uint64_t>(seed));
+    long last = 0;
+    long acknowledgedInAll = 0;
+    long unacknowledged = 0;
+    long rolledBack = 0;
+    long withJournal = 0;
+    for (long run = 1; run <= runs; ++run) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            std::perror("pipe2");
+            return 3;
+        }
+        const long changes = 1 + random.Below(calls);
+        const std::uint64_t seedOfRun = random.Next();
+        std::fflush(nullptr);
+        const pid_t child = fork();
+        if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            close(ends[0]);
+            WriteUntilDark(dir.Path(), pragmas, changes, seedOfRun, ends[1]);
+        }
+        close(ends[1]);
+        long acknowledged = last;
+        long number = 0;
+        while (read(ends[0], &number, sizeof number) == sizeof number) {
+            acknowledged = number;
+            ++acknowledgedInAll;
+        }
+        close(ends[0]);
+        int status = 0;
+        waitpid(child, &status, 0);
+        const auto names = dir.List();
+        withJournal += names.size() > 1 ? 1 : 0;
+        std::string fault;
+        if (status != 0) {
+            fault = "the writer failed, with status " + std::to_string(status);
+        }
+        // Every second time in a copy, so that it is the next writer who mends what was left.
+        const TempDir copy;
+        const std::string& looked = run % 2 == 0 ? dir.Path() : copy.Path();
+        std::filesystem::copy(dir.Path(), copy.Path(), std::filesystem::copy_options::recursive);
+        const long there = fault.empty() ? Ledger::Inspect(looked, "a.db", fault) : -1;
+        if (fault.empty() && (there < acknowledged - mayMiss || there > acknowledged + 1)) {
+            fault = "acknowledged up to " + std::to_string(acknowledged) + ", there up to " +
+                    std::to_string(there);
+        }
+        if (!fault.empty()) {
+            std::printf("power: run %ld (after change %ld): %s\n", run, changes, fault.c_str());
+            return 1;
+        }
+        rolledBack += std::max(0L, acknowledged - there);
+        unacknowledged += std::max(0L, there - acknowledged);
+        last = there;
+        if (run % 250 == 0) {
+            std::printf("power: %ld runs, %ld transactions\n", run, last);
+            std::fflush(stdout);
+        }
+    }
+    std::printf(
+        "result: %s: %ld power losses (%ld with a journal left), %ld transactions acknowledged, %ld missing, "
+        "0 in part, %ld whole though not acknowledged\n",
+        journal.c_str(), runs, withJournal, acknowledgedInAll, rolledBack, unacknowledged);
+    return acknowledgedInAll > 0 ? 0 : 1;
+}
