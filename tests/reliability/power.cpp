@@ -18,8 +18,10 @@
 #include <utility>
 #include <vector>
 
+#include "ContentHelper.h"
 #include "Fixtures.h"
 #include "Ledger.h"
+#include "Sleeps.h"
 #include "SystemCalls.h"
 
 // Takes the power away from a process that writes, again and again, and looks each time at what the disk has kept.
@@ -35,7 +37,9 @@ using reliability::SystemCalls;
 using support::TempDir;
 
 const std::string kUsage =
-    "Usage: power [--runs N] [--seed N] [--journal DELETE|EXTRA|TRUNCATE|WAL] [--calls N]\n"
+    "Usage: power [--what writes|backup|restore] [--journal DELETE|EXTRA|TRUNCATE|WAL] [--runs N] [--seed "
+    "N]\n"
+    "             [--changes N] [--strict 1]\n"
     "\n"
     "Lets a process write transactions through the library and acknowledge each, on a disk that keeps what "
     "was synced\n"
@@ -43,16 +47,28 @@ const std::string kUsage =
     "size, and\n"
     "of the directory's new and removed names; some sectors hold noise. The power goes after a random one of "
     "the first\n"
-    "N changes (150) of a run. Then the database must be sound and hold every acknowledged transaction "
+    "N changes (150; of a backup 300) of a run. Then the database must be sound and hold every acknowledged "
+    "transaction "
     "whole, and at\n"
     "most one more; the next process goes on from there, N times (20). The same seed (1) repeats it.\n"
     "\n"
     "DELETE is SQLite's standard: there the removal of the journal, which makes a commit, is not synced, so "
     "the last\n"
     "acknowledged transaction may be rolled back, whole; how often that was is told. EXTRA is DELETE with\n"
-    "PRAGMA synchronous=EXTRA; there, as with TRUNCATE and WAL, nothing acknowledged may be missing.\n";
+    "PRAGMA synchronous=EXTRA; there, as with TRUNCATE and WAL, nothing acknowledged may be missing.\n"
+    "\n"
+    "With backup and restore the process copies a database of 25 transactions over a backup of 10, or the "
+    "other way\n"
+    "round, each time anew. What is copied stays as it is; what is copied over is the older one or the copy, "
+    "whole;\n"
+    "only a database being restored may be gone. How many copies were answered true and are not there is "
+    "told;\n"
+    "--strict 1 makes one of them a failure.\n";
 
 constexpr std::size_t SECTOR = 512;
+// The last transactions of the database and of the older backup, where one is copied over the other.
+constexpr long COPIED = 25;
+constexpr long OLDER = 10;
 
 std::string Content(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
@@ -280,20 +296,179 @@ private:
     disk.LosePower();
 }
 
-}  // namespace
+// What every run is told.
+struct Plan {
+    std::string what;
+    std::string journal;
+    long runs;
+    long changes;
+    std::uint64_t seed;
+    bool strict;
+};
 
-int main(int argc, char** argv) {
-    Arguments arguments(argc, argv, kUsage);
-    const long runs = arguments.Number("--runs", 20);
-    const long seed = arguments.Number("--seed", 1);
-    const long calls = arguments.Number("--calls", 150);
-    const std::string journal = arguments.Text("--journal", "DELETE");
-    arguments.Finish();
-    std::printf("power: %s, %ld runs, seed %ld\n", journal.c_str(), runs, seed);
-    const std::string pragmas = "PRAGMA journal_mode=" + (journal == "EXTRA" ? "DELETE" : journal) + ";" +
-                                (journal == "EXTRA" ? "PRAGMA synchronous=EXTRA;" : "") +
+class Store : public CContentHelper {
+public:
+    explicit Store(const std::string& directory) : CContentHelper(directory, "a.db", 1) {}
+    void OnConfigure(CVantryConnection* /*connection*/) override {}
+    void OnCreate(CVantryConnection* /*connection*/) override {}
+    void OnUpgrade(CVantryConnection* /*connection*/, int /*from*/, int /*to*/) override {}
+};
+
+// The end of a writer's pipe that is read from, and the writer.
+class Child {
+public:
+    template <typename Work>
+    explicit Child(Work work) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            std::perror("pipe2");
+            std::exit(3);
+        }
+        std::fflush(nullptr);
+        m_id = fork();
+        if (m_id == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            close(ends[0]);
+            work(ends[1]);
+            _exit(7);
+        }
+        close(ends[1]);
+        m_end = ends[0];
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() { close(m_end); }
+
+    // The numbers that it acknowledged, up to its end.
+    std::vector<long> Acknowledged() const {
+        std::vector<long> numbers;
+        long number = 0;
+        while (read(m_end, &number, sizeof number) == sizeof number) {
+            numbers.push_back(number);
+        }
+        return numbers;
+    }
+    int Wait() const {
+        int status = 0;
+        waitpid(m_id, &status, 0);
+        return status;
+    }
+
+private:
+    pid_t m_id = -1;
+    int m_end = -1;
+};
+
+[[noreturn]] void CopyUntilDark(const std::string& directory, const Plan& plan, long changes,
+                                std::uint64_t seed, int acknowledge) {
+    Disk disk(directory, changes, seed);
+    // The probe after a restore waits a second in vain.
+    const support::Sleeps sleeps;
+    {
+        Store store(directory);
+        if (store.ConnectDB() == nullptr) {
+            _exit(3);
+        }
+        // A restore copies nothing else; a write-ahead log has what a backup must bring along.
+        const bool good = plan.what == "restore"
+                              ? store.RestoreDB(CContentHelper::BACKUP_STAGE_FIRST)
+                              : Ledger::Write(*store.ConnectDB(), COPIED) && store.BackupDB();
+        if (!good) {
+            _exit(4);
+        }
+        const long number = 1;
+        if (write(acknowledge, &number, sizeof number) != sizeof number) {
+            _exit(6);
+        }
+    }
+    disk.LosePower();
+}
+
+// The last transaction of a ledger; 0 for a database without tables, or none.
+long InspectOrNothing(const std::string& directory, const std::string& name, std::string& fault) {
+    if (!std::filesystem::exists(directory + name) ||
+        support::RawDb(directory + name).Query("SELECT 1 FROM sqlite_master").empty()) {
+        return 0;
+    }
+    return Ledger::Inspect(directory, name, fault);
+}
+
+void MakeLedger(const std::string& directory, const std::string& name, const std::string& journal,
+                long last) {
+    CVantryConnection connection(directory, name, 6);
+    bool good = connection.OpenOperation() == 0 &&
+                Ledger::Open(connection, "PRAGMA journal_mode=" + journal + ";PRAGMA synchronous=OFF;");
+    for (long number = 1; number <= last; ++number) {
+        good = good && Ledger::Write(connection, number);
+    }
+    if (!good) {
+        std::fputs("power: the ledger cannot be made\n", stderr);
+        std::exit(3);
+    }
+}
+
+int RunCopies(const Plan& plan) {
+    const TempDir fresh;
+    MakeLedger(fresh.Path(), "a.db", plan.journal, COPIED - 1);
+    MakeLedger(fresh.Path(), "a.db.sqlite", plan.journal, OLDER);
+    const bool restores = plan.what == "restore";
+    Random random(plan.seed);
+    long acknowledged = 0;
+    long missing = 0;
+    long gone = 0;
+    long copied = 0;
+    for (long run = 1; run <= plan.runs; ++run) {
+        const TempDir dir;
+        std::filesystem::copy(fresh.Path(), dir.Path(), std::filesystem::copy_options::recursive);
+        // A backup may be the first one.
+        const bool overOlder = restores || random.Below(2) == 0;
+        if (!overOlder) {
+            std::filesystem::remove(dir.File("a.db.sqlite"));
+        }
+        const long changes = 1 + random.Below(plan.changes);
+        const std::uint64_t seedOfRun = random.Next();
+        const Child child(
+            [&](int acknowledge) { CopyUntilDark(dir.Path(), plan, changes, seedOfRun, acknowledge); });
+        const bool answered = !child.Acknowledged().empty();
+        const int status = child.Wait();
+        std::string fault = status != 0 ? "the process failed, with status " + std::to_string(status) : "";
+        const long database = fault.empty() ? InspectOrNothing(dir.Path(), "a.db", fault) : -1;
+        const long backup = fault.empty() ? InspectOrNothing(dir.Path(), "a.db.sqlite", fault) : -1;
+        if (fault.empty()) {
+            const bool sourceThere = restores
+                                         ? backup == OLDER
+                                         : database == COPIED || (database == COPIED - 1 && backup != COPIED);
+            const bool targetWhole = restores ? database == OLDER || database == COPIED - 1 || database == 0
+                                              : backup == COPIED || backup == (overOlder ? OLDER : 0);
+            if (!sourceThere || !targetWhole) {
+                fault = "the database is at " + std::to_string(database) + ", the backup at " +
+                        std::to_string(backup);
+            }
+        }
+        if (!fault.empty()) {
+            std::printf("power: run %ld (after change %ld): %s\n", run, changes, fault.c_str());
+            return 1;
+        }
+        const bool there = restores ? database == OLDER : backup == COPIED;
+        acknowledged += answered ? 1 : 0;
+        missing += answered && !there ? 1 : 0;
+        copied += there ? 1 : 0;
+        gone += restores && database == 0 ? 1 : 0;
+    }
+    std::printf(
+        "result: %s, %s: %ld power losses, %ld copies answered true, %ld of them missing; %ld copies there, "
+        "0 in "
+        "part, every source whole%s\n",
+        plan.what.c_str(), plan.journal.c_str(), plan.runs, acknowledged, missing, copied,
+        restores ? (", " + std::to_string(gone) + " databases gone").c_str() : "");
+    return acknowledged > 0 && copied > 0 && (missing == 0 || !plan.strict) ? 0 : 1;
+}
+
+int RunWrites(const Plan& plan) {
+    const std::string pragmas = "PRAGMA journal_mode=" + (plan.journal == "EXTRA" ? "DELETE" : plan.journal) +
+                                ";" + (plan.journal == "EXTRA" ? "PRAGMA synchronous=EXTRA;" : "") +
                                 "PRAGMA wal_autocheckpoint=20;PRAGMA cache_size=8;";
-    const long mayMiss = journal == "DELETE" ? 1 : 0;
+    const long mayMiss = plan.journal == "DELETE" ? 1 : 0;
 
     const TempDir dir;
     {
@@ -303,37 +478,21 @@ int main(int argc, char** argv) {
             return 3;
         }
     }
-    Random random(static_cast<std::uint64_t>(seed));
+    Random random(plan.seed);
     long last = 0;
     long acknowledgedInAll = 0;
     long unacknowledged = 0;
     long rolledBack = 0;
     long withJournal = 0;
-    for (long run = 1; run <= runs; ++run) {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            std::perror("pipe2");
-            return 3;
-        }
-        const long changes = 1 + random.Below(calls);
+    for (long run = 1; run <= plan.runs; ++run) {
+        const long changes = 1 + random.Below(plan.changes);
         const std::uint64_t seedOfRun = random.Next();
-        std::fflush(nullptr);
-        const pid_t child = fork();
-        if (child == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            close(ends[0]);
-            WriteUntilDark(dir.Path(), pragmas, changes, seedOfRun, ends[1]);
-        }
-        close(ends[1]);
-        long acknowledged = last;
-        long number = 0;
-        while (read(ends[0], &number, sizeof number) == sizeof number) {
-            acknowledged = number;
-            ++acknowledgedInAll;
-        }
-        close(ends[0]);
-        int status = 0;
-        waitpid(child, &status, 0);
+        const Child child(
+            [&](int acknowledge) { WriteUntilDark(dir.Path(), pragmas, changes, seedOfRun, acknowledge); });
+        const std::vector<long> numbers = child.Acknowledged();
+        const int status = child.Wait();
+        const long acknowledged = numbers.empty() ? last : numbers.back();
+        acknowledgedInAll += static_cast<long>(numbers.size());
         const auto names = dir.List();
         withJournal += names.size() > 1 ? 1 : 0;
         std::string fault;
@@ -364,6 +523,27 @@ int main(int argc, char** argv) {
     std::printf(
         "result: %s: %ld power losses (%ld with a journal left), %ld transactions acknowledged, %ld missing, "
         "0 in part, %ld whole though not acknowledged\n",
-        journal.c_str(), runs, withJournal, acknowledgedInAll, rolledBack, unacknowledged);
+        plan.journal.c_str(), plan.runs, withJournal, acknowledgedInAll, rolledBack, unacknowledged);
     return acknowledgedInAll > 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments(argc, argv, kUsage);
+    Plan plan;
+    plan.what = arguments.Text("--what", "writes");
+    plan.journal = arguments.Text("--journal", "DELETE");
+    plan.runs = arguments.Number("--runs", 20);
+    plan.changes = std::max(1L, arguments.Number("--changes", plan.what == "backup" ? 300 : 150));
+    plan.seed = static_cast<std::uint64_t>(arguments.Number("--seed", 1));
+    plan.strict = arguments.Number("--strict", 0) != 0;
+    arguments.Finish();
+    if (plan.what != "writes" && plan.what != "backup" && plan.what != "restore") {
+        std::fputs(kUsage.c_str(), stderr);
+        return 2;
+    }
+    std::printf("power: %s, %s, %ld runs, seed %llu\n", plan.what.c_str(), plan.journal.c_str(), plan.runs,
+                static_cast<unsigned long long>(plan.seed));
+    return plan.what == "writes" ? RunWrites(plan) : RunCopies(plan);
 }
