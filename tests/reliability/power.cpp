@@ -456,7 +456,8 @@ int RunCopies(const Plan& plan) {
         gone += restores && database == 0 ? 1 : 0;
     }
     std::printf(
-        "result: %s, %s: %ld power losses, %ld copies answered true, %ld of them taken back; %ld copies there, "
+        "result: %s, %s: %ld power losses, %ld copies answered true, %ld of them taken back; %ld copies "
+        "there, "
         "0 in "
         "part, every source whole%s\n",
         plan.what.c_str(), plan.journal.c_str(), plan.runs, acknowledged, missing, copied,
@@ -521,7 +522,8 @@ int RunWrites(const Plan& plan) {
         }
     }
     std::printf(
-        "result: %s: %ld power losses (%ld with a journal left), %ld transactions acknowledged, %ld of them taken back, "
+        "result: %s: %ld power losses (%ld with a journal left), %ld transactions acknowledged, %ld of them "
+        "taken back, "
         "0 in part, %ld whole though not acknowledged\n",
         plan.journal.c_str(), plan.runs, withJournal, acknowledgedInAll, rolledBack, unacknowledged);
     return acknowledgedInAll > 0 ? 0 : 1;
