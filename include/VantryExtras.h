@@ -190,7 +190,7 @@ private:
     const char* m_text = nullptr;
     std::size_t m_length = 0;
     int m_result = CODE_OK;
-    char m_buffer[SIZE];
+    char m_buffer[SIZE] = {};
 };
 
 // How a value of one type is read from a cursor: Read() gives the getter's code.
