@@ -176,6 +176,12 @@ case_exports() {
     grep -vE -e "^(($any)::|(vtable|typeinfo|typeinfo name) for ($any)\$)" -e '^Tiles(Internal)?Model::' \
         -e '^VANTRY_[0-9]+$' "$work/exports" > "$work/others" || true
     [[ ! -s $work/others ]] || fail "exported besides: $(cat "$work/others")"
+    local name
+    for name in $(service_headers | sed 's/\.h$//'); do
+        if nm -D --defined-only "$lib/lib$name.so" | grep -vE ' (__dlog_print|bundle_[a-z_]+)$'; then
+            fail "lib$name.so exports besides"
+        fi
+    done
     # What a program may put its own in the place of comes from outside.
     nm -D --undefined-only "$lib/libvantry.so" | awk '{print $2}' | sed 's/@.*//' > "$work/imports"
     for symbol in __dlog_print bundle_get_count bundle_foreach bundle_keyval_get_basic_val \
