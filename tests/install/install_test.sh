@@ -11,6 +11,7 @@ prefix=$work/prefix
 lib=$prefix/$VANTRY_LIBDIR
 include=$prefix/include/vantry
 major=${VANTRY_VERSION%%.*}
+log_line='I/vantry([0-9]*): VantryConnection.cpp: OpenOperation('
 failures=0
 
 fail() {
@@ -56,7 +57,7 @@ run() {
     fi
     equal "$output" "$expected_output" "what $program printed"
     if [[ $VANTRY_STANDIN_DLOG == ON ]]; then
-        check grep -q '^I/vantry([0-9]*): VantryConnection.cpp: OpenOperation(' "$work/log"
+        check grep -q "^$log_line" "$work/log"
     fi
 }
 
@@ -228,39 +229,67 @@ case_subdirectory() {
     run "$work/build/program"
 }
 
-# The platform's own services in the place of the stand-ins; without the tests.
-case_platform() {
-    if [[ $VANTRY_STANDIN_DLOG != ON || $VANTRY_STANDIN_BUNDLE != ON ]]; then
-        echo "SKIPPED: the build has the platform's own services already"
-        exit 77
-    fi
-    install_tree
-    local platform=$work/platform name
+# pretend_service NAME: a service of a platform. Its soname is not the stand-in's, and its header is in another place.
+pretend_service() {
+    local name=$1 platform=$work/platform input=$source/platform/$1.cpp
+    [[ $name != dlog ]] || input="-x c $here/platform/dlog.c"
     mkdir -p "$platform/include" "$platform/lib/pkgconfig"
-    for name in dlog bundle; do
-        cp "$include/$name.h" "$platform/include/"
-        cp -P "$lib/lib$name.so"* "$platform/lib/"
-        printf '%s\n' "Name: $name" "Description: a service of the platform" "Version: 2.0" \
-            "Cflags: -I$platform/include" "Libs: -L$platform/lib -l$name" > "$platform/lib/pkgconfig/$name.pc"
-    done
+    cp "$source/platform/$name.h" "$platform/include/"
+    # shellcheck disable=SC2086
+    "$CXX" -fPIC -shared -Wl,-soname,lib$name.so.0 -I"$platform/include" -o "$platform/lib/lib$name.so.0" $input
+    ln -s "lib$name.so.0" "$platform/lib/lib$name.so"
+    printf '%s\n' "Name: $name" "Description: a service of the platform" "Version: 2.0" \
+        "Cflags: -I$platform/include" "Libs: -L$platform/lib -l$name" > "$platform/lib/pkgconfig/$name.pc"
+}
+
+# The platform's own services, those that it has, in the place of the stand-ins; without the tests.
+platform_build() {
+    local name absent=$1 platform=$work/platform
     export PKG_CONFIG_PATH=$platform/lib/pkgconfig
+    rm -rf "$work/library" "$work/build" "$prefix"
     configure -S "$source" -B "$work/library" -DBUILD_TESTING=OFF -DVANTRY_BUILD_EXAMPLES=OFF \
         -DCMAKE_BUILD_TYPE=Debug -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON -DCMAKE_INSTALL_LIBDIR="$VANTRY_LIBDIR" \
         > "$work/configure.log"
     "$CMAKE" --build "$work/library" --parallel 1 > "$work/build.log" ||
         { cat "$work/build.log"; fail "the library's build"; }
-    rm -rf "$prefix"
     "$CMAKE" --install "$work/library" --prefix "$prefix" > "$work/install.log"
-    equal "$(cd "$include" && ls)" "$(library_headers)" "the list of headers"
-    equal "$(find "$prefix" -name 'libdlog*' -o -name 'libbundle*')" "" "the list of installed stand-ins"
-    check grep -qE '^Requires: .*\<dlog\>' "$lib/pkgconfig/vantry.pc"
-    check grep -qE '^Requires: .*\<bundle\>' "$lib/pkgconfig/vantry.pc"
+    equal "$(cd "$include" && ls)" "$( (library_headers; [[ -z $absent ]] || echo "$absent.h") | LC_ALL=C sort)" \
+        "the list of headers"
+    local needed
+    needed=$(readelf -d "$lib/libvantry.so" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+    for name in dlog bundle; do
+        if [[ $name == "$absent" ]]; then
+            check test -e "$lib/lib$name.so.$major"
+            check grep -qx "lib$name.so.$major" <<< "$needed"
+            check grep -qE "^Libs: .* -l$name " "$lib/pkgconfig/vantry.pc"
+        else
+            equal "$(find "$prefix" "$work/library" -name "lib$name.*")" "" "the list of the stand-ins for $name"
+            check grep -qx "lib$name.so.0" <<< "$needed"
+            check grep -qE "^Requires: .*\\<$name\\>" "$lib/pkgconfig/vantry.pc"
+        fi
+    done
+    if nm --defined-only "$lib/libvantry.so" | grep -E ' (bundle_|__dlog_print)'; then
+        fail "the library has a service in it"
+    fi
     # shellcheck disable=SC2086,SC2046
     "$CXX" $CXXFLAGS -std=c++11 -o "$work/program" "$here/program.cpp" $(pkgconfig --cflags --libs vantry) $LDFLAGS
     run "$work/program" "$lib:$platform/lib"
     configure -S "$here/package" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" > "$work/configure.log"
     "$CMAKE" --build "$work/build" > "$work/build.log" || { cat "$work/build.log"; fail "the program's build"; }
     run "$work/build/program" "$platform/lib"
+}
+
+case_platform() {
+    if [[ $VANTRY_STANDIN_DLOG != ON || $VANTRY_STANDIN_BUNDLE != ON ]]; then
+        echo "SKIPPED: the build has the platform's own services already"
+        exit 77
+    fi
+    # The log is the pretended one's.
+    log_line='platform [0-9]* VantryConnection.cpp: OpenOperation('
+    pretend_service dlog
+    platform_build bundle
+    pretend_service bundle
+    platform_build ''
 }
 
 "case_$1"
