@@ -30,6 +30,8 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev sqlite3)
 FUZZ_PACKAGES=(clang libclang-rt-dev llvm)
 CHECK_PACKAGES=(clang-format clang-tidy cppcheck)
 DEVICE_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
+PACKAGING_PACKAGES=(debhelper dpkg-dev lintian)
+REPRODUCE_PACKAGES=(faketime util-linux)
 # For the other processor, in a folder of the build.
 SYSROOT_PACKAGES=(libstdc++6 libsqlite3-dev libgtest-dev libgmock-dev nlohmann-json3-dev)
 BENCH_PACKAGES=(libbenchmark-dev libsqlitecpp-dev libflatbuffers-dev flatbuffers-compiler valgrind)

@@ -292,6 +292,17 @@ case_platform() {
     platform_build ''
 }
 
+# The packages and the list of changes are of the version that CMakeLists.txt names.
+case_version() {
+    equal "$(sed -n '1s/^vantry (\(.*\)) .*/\1/p' "$source/debian/changelog")" "$VANTRY_VERSION" \
+        "the version of the packages"
+    check grep -qx "Package: libvantry$major" "$source/debian/control"
+    check test -f "$source/debian/libvantry$major.symbols"
+    check test -f "$source/debian/libvantry$major.install"
+    equal "$(sed -n '/^## /{s/^## \([0-9.]*\).*/\1/p;q}' "$source/CHANGELOG.md")" "$VANTRY_VERSION" \
+        "the newest version in CHANGELOG.md"
+}
+
 "case_$1"
 if ((failures > 0)); then
     echo "$failures checks failed" >&2
