@@ -52,11 +52,15 @@ private:
     std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };
 
+void Say(const char* line) {
+    std::puts(line);
+    std::fflush(stdout);
+}
+
 template <typename... Arguments>
 void Say(const char* format, Arguments... arguments) {
     std::printf(format, arguments...);
-    std::printf("\n");
-    std::fflush(stdout);
+    Say("");
 }
 
 void Fill(TilesStore& store, const Catalogue& catalogue) {
