@@ -547,19 +547,28 @@ int CVantryConnection::OpenOperation() {
             VANTRY_LOG(DLOG_DEBUG, "The specified open mode flags are invalid.");
             break;
     }
-    const int code = CallWhileBusy({VANTRY_HERE, "sqlite3_open_v2"}, [&] {
+    const LogPlace here = VANTRY_HERE;
+    bool leftHandle = false;
+    std::string message;
+    const int code = CallWhileBusy({here, "sqlite3_open_v2"}, [&] {
         const CDBLocalScopedLock guard(m_pLock);
-        return sqlite3_open_v2(fullPath.c_str(), &m_pDB, flags, nullptr);
+        const int opened = sqlite3_open_v2(fullPath.c_str(), &m_pDB, flags, nullptr);
+        leftHandle = m_pDB != nullptr;
+        // Once the lock is free another thread may close the handle.
+        if (opened != SQLITE_OK && leftHandle) {
+            CopyMessage(m_pDB, message, here);
+        }
+        return opened;
     });
     if (code == SQLITE_OK) {
         VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() success : %s", m_dbName.c_str());
         return vantry::RESULT_OK;
     }
     // Kept: the handle that a failed open may leave stays for CloseOperation().
-    if (m_pDB == nullptr) {
-        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() failed : %s", m_dbName.c_str());
+    if (leftHandle) {
+        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() failed with Error msg : %s", message.c_str());
     } else {
-        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() failed with Error msg : %s", sqlite3_errmsg(m_pDB));
+        VANTRY_LOGF(DLOG_INFO, "sqlite3_open_v2() failed : %s", m_dbName.c_str());
     }
     return ConvertSQLiteErrorToVantryError(code);
 }
@@ -742,20 +751,17 @@ bool CVantryConnection::IntegrityCheck() {
 }
 
 void CVantryConnection::SetForeignKeyConstraintsEnabled(bool enable) {
+    const CDBLocalScopedLock guard(m_pLock);
     if (!CheckHandle(m_pDB, VANTRY_HERE)) {
         return;
     }
     if (enable != m_foreignKeysEnabled) {
         // Kept: remembered before it is done, and when it fails.
         m_foreignKeysEnabled = enable;
-        try {
-            std::string error;
-            if (ExcuteSQL(enable ? "PRAGMA foreign_keys=1" : "PRAGMA foreign_keys=0", error) !=
-                vantry::RESULT_OK) {
-                VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
-            }
-        } catch (const std::exception&) {
-            VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
+        std::string error;
+        if (Execute(m_pDB, enable ? "PRAGMA foreign_keys=1" : "PRAGMA foreign_keys=0", error,
+                    VANTRY_PLACE("ExcuteSQL")) != vantry::RESULT_OK) {
+            VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
         }
     }
     VANTRY_LOGF(DLOG_DEBUG, "Foreign key is turned %s", m_foreignKeysEnabled ? "ON" : "OFF");

@@ -458,4 +458,37 @@ TEST(TilesDAOInThreads, QueriesSerialisedByTheCallersBesideConnectDB_AllSucceed)
     });
 }
 
+TEST(OpenOperationInThreads, AFailedOpenBesideAClose_TellsItsOwnMessage) {
+    const TempDir dir;
+    for (int round = 0; round < 50; ++round) {
+        CVantryConnection connection(dir.Path() + "missing/", "a.db", 6);
+        InThreads([&](int number) {
+            for (int i = 0; i < 20; ++i) {
+                number == 0 ? connection.OpenOperation() : connection.CloseDB();
+            }
+        });
+    }
+}
+
+TEST_F(ThreadsOnConnection, SwitchesOfForeignKeys_TakeTurns) {
+    InThreads([&](int number) {
+        for (int i = 0; i < 20; ++i) {
+            m_connection.SetForeignKeyConstraintsEnabled((i + number) % 2 == 0);
+        }
+    });
+}
+
+TEST_F(ThreadsOnConnection, ASwitchOfForeignKeysBesideClose_FindsAHandleOrNone) {
+    InThreads([&](int number) {
+        for (int i = 0; i < 20; ++i) {
+            if (number == 0) {
+                m_connection.CloseDB();
+                m_connection.OpenOperation();
+            } else if (number == 1) {
+                m_connection.SetForeignKeyConstraintsEnabled(i % 2 == 0);
+            }
+        }
+    });
+}
+
 }  // namespace
