@@ -26,6 +26,8 @@ need() {
 
 BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libsqlite3-dev)
 EXAMPLE_PACKAGES=(nlohmann-json3-dev)
+# vantryctl; without them the build leaves it, or its manual page, out.
+TOOL_PACKAGES=(libcli11-dev scdoc)
 TEST_PACKAGES=(libgtest-dev libgmock-dev sqlite3)
 FUZZ_PACKAGES=(clang libclang-rt-dev llvm)
 CHECK_PACKAGES=(clang-format clang-tidy cppcheck)

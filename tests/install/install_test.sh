@@ -248,6 +248,7 @@ platform_build() {
     export PKG_CONFIG_PATH=$platform/lib/pkgconfig
     rm -rf "$work/library" "$work/build" "$prefix"
     configure -S "$source" -B "$work/library" -DBUILD_TESTING=OFF -DVANTRY_BUILD_EXAMPLES=OFF \
+        -DVANTRY_BUILD_TOOLS=OFF \
         -DCMAKE_BUILD_TYPE=Debug -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON -DCMAKE_INSTALL_LIBDIR="$VANTRY_LIBDIR" \
         > "$work/configure.log"
     "$CMAKE" --build "$work/library" --parallel 1 > "$work/build.log" ||
