@@ -35,7 +35,7 @@ DEVICE_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
 PACKAGING_PACKAGES=(debhelper dpkg-dev lintian)
 REPRODUCE_PACKAGES=(faketime util-linux)
 # For the other processor, in a folder of the build.
-SYSROOT_PACKAGES=(libstdc++6 libsqlite3-dev libgtest-dev libgmock-dev nlohmann-json3-dev)
+SYSROOT_PACKAGES=(libstdc++6 libsqlite3-dev libgtest-dev libgmock-dev nlohmann-json3-dev libcli11-dev)
 BENCH_PACKAGES=(libbenchmark-dev libsqlitecpp-dev libflatbuffers-dev flatbuffers-compiler valgrind)
 ABI_PACKAGES=(abigail-tools binutils python3)
 REFERENCE_PACKAGES=(doxygen graphviz)
