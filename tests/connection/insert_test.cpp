@@ -1,64 +1,17 @@
 #include <bundle.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <map>
 #include <tuple>
 
-#include "FromLibrary.h"
+#include "BundleFaults.h"
 #include "RequestFixture.h"
 
 namespace {
 
-using ColumnMap = std::map<const char*, const char*>;
-
-// Visits a bundle's entries as a platform might that keeps them in another order than their keys' addresses,
-// and that has values of types which this one cannot hold.
-struct Visit {
-    bool backwards = false;
-    int foreignType = 0;
-};
-Visit g_visit;
-
-class VisitOtherwise {
-public:
-    explicit VisitOtherwise(const Visit& visit) { g_visit = visit; }
-    VisitOtherwise(const VisitOtherwise&) = delete;
-    VisitOtherwise& operator=(const VisitOtherwise&) = delete;
-    ~VisitOtherwise() { g_visit = Visit(); }
-};
-
-struct Entry {
-    const char* key;
-    int type;
-    const keyval_t* value;
-};
-
-void Collect(const char* key, const int type, const keyval_t* value, void* entries) {
-    static_cast<std::vector<Entry>*>(entries)->push_back({key, type, value});
-}
-
-}  // namespace
-
-extern "C" void bundle_foreach(bundle* b, bundle_iterator_t iterator, void* user_data) {
-    static const auto real =
-        reinterpret_cast<decltype(&bundle_foreach)>(support::NextSymbol("bundle_foreach"));
-    if (!g_visit.backwards && g_visit.foreignType == 0) {
-        real(b, iterator, user_data);
-        return;
-    }
-    std::vector<Entry> entries;
-    real(b, Collect, &entries);
-    if (g_visit.backwards) {
-        entries = std::vector<Entry>(entries.rbegin(), entries.rend());
-    }
-    for (const Entry& entry : entries) {
-        iterator(entry.key, g_visit.foreignType != 0 ? g_visit.foreignType : entry.type, entry.value,
-                 user_data);
-    }
-}
-
-namespace {
-
 using support::Bundle;
+using support::BundleFaults;
 using support::GroupedDigits;
 using support::Joined;
 using support::LogCapture;
@@ -76,6 +29,18 @@ using namespace std::string_literals;
 
 constexpr int UNKNOWN_ERROR = -1073741824;
 
+using ColumnMap = std::map<const char*, const char*>;
+
+struct Entry {
+    const char* key;
+    int type;
+    const keyval_t* value;
+};
+
+void Collect(const char* key, const int type, const keyval_t* value, void* entries) {
+    static_cast<std::vector<Entry>*>(entries)->push_back({key, type, value});
+}
+
 std::vector<Entry> Entries(bundle* b) {
     std::vector<Entry> entries;
     bundle_foreach(b, Collect, &entries);
@@ -87,6 +52,44 @@ void AddTexts(bundle* b, const char* key, std::vector<const char*> texts) {
     texts.push_back(nullptr);
     bundle_add_str_array(b, key, texts.data(), length);
 }
+
+// A text of 4 GiB and 3 bytes in little memory: the same pages again and again. Null where there is no room for it.
+class GreatText {
+public:
+    GreatText() {
+        constexpr int FLAGS = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+        void* const room = FITS ? mmap(nullptr, ROOM, PROT_READ, FLAGS, -1, 0) : MAP_FAILED;
+        const int pages = memfd_create("pages", MFD_CLOEXEC);
+        const std::string content(PIECE, 'x');
+        if (room != MAP_FAILED && pages >= 0 &&
+            write(pages, content.data(), PIECE) == static_cast<ssize_t>(PIECE)) {
+            m_room = static_cast<char*>(room);
+            // What is left free behind the last piece reads as zeros.
+            for (std::size_t i = 0; i < PIECES; ++i) {
+                EXPECT_NE(mmap(m_room + i * PIECE, PIECE, PROT_READ, MAP_SHARED | MAP_FIXED, pages, 0),
+                          MAP_FAILED);
+            }
+        }
+        close(pages);
+    }
+    GreatText(const GreatText&) = delete;
+    GreatText& operator=(const GreatText&) = delete;
+    ~GreatText() {
+        if (m_room != nullptr) {
+            munmap(m_room, ROOM);
+        }
+    }
+
+    const char* Text() const { return m_room != nullptr ? m_room + PIECE - 3 : nullptr; }
+
+private:
+    static constexpr std::size_t PIECE = std::size_t{1} << 24U;
+    static constexpr std::size_t PIECES = 257;
+    static constexpr bool FITS = sizeof(std::size_t) > 4;
+    static constexpr std::size_t ROOM = FITS ? (PIECES + 1) * PIECE : 0;
+
+    char* m_room = nullptr;
+};
 
 // ---- The clauses ------------------------------------------------------------------------------------------
 
@@ -223,9 +226,8 @@ TEST(ConvertBundleToMap, TypeAndRecordDoNotAgree_NoCrash) {
                                          "D ConvertBundleToMap > -Array len: 0"));
     EXPECT_TRUE(columns.empty());
     CVantryConnection::ConvertBundleToMap(entries[1].key, 1025, entries[1].value, &columns);
-    for (const auto& column : columns) {
-        EXPECT_STREQ(column.second, "");
-    }
+    ASSERT_EQ(columns.size(), 1U);
+    EXPECT_STREQ(columns.begin()->second, "");
 }
 
 // ---- The texts --------------------------------------------------------------------------------------------
@@ -280,13 +282,51 @@ TEST(CreateInsertStatement, ColumnsStandInTheOrderOfTheKeysAddresses) {
     CVantryConnection connection;
     const Bundle values{{"z", "26"}, {"a", "1"}, {"m", "13"}, {"B", "2"}};
     for (const bool backwards : {false, true}) {
-        const VisitOtherwise visit({backwards, 0});
+        BundleFaults faults;
+        if (backwards) {
+            faults.VisitBackwards();
+        }
         EXPECT_EQ(connection.CreateInsertStatement("t", values, 0),
                   "INSERT INTO t (z, a, m, B) VALUES (26, 1, 13, 2)");
         Texts arguments;
         EXPECT_EQ(connection.CreateInsertStatementWithWildcard("t", values, 0, arguments),
                   "INSERT INTO t (z, a, m, B) VALUES (?, ?, ?, ?)");
         EXPECT_THAT(arguments, ElementsAre("26", "1", "13", "2"));
+    }
+}
+
+TEST(CreateInsertStatement, EntriesWithoutKeyOrValue_AreLeftOut) {
+    CVantryConnection connection;
+    Bundle values{{"a", "1"}, {"b", "2"}};
+    BundleFaults faults;
+    faults.VisitHalves();
+    const LogCapture log;
+    EXPECT_EQ(connection.CreateInsertStatement("t", values, 0), "INSERT INTO t (a, b) VALUES (1, 2)");
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("D CreateInsertStatement > CMD : INSERT INTO t (a, b) VALUES (1, 2)"));
+}
+
+TEST(CreateInsertStatement, EntryThatIsMetTwice_IsOneColumn) {
+    CVantryConnection connection;
+    Bundle values{{"a", "1"}, {"b", "2"}};
+    for (const bool backwards : {false, true}) {
+        BundleFaults faults;
+        faults.VisitTwice();
+        if (backwards) {
+            faults.VisitBackwards();
+        }
+        EXPECT_EQ(connection.CreateInsertStatement("t", values, 0), "INSERT INTO t (a, b) VALUES (1, 2)");
+    }
+}
+
+TEST(CreateInsertStatement, NumberOfEntriesThatIsWrong_ChangesNothing) {
+    CVantryConnection connection;
+    const Bundle values{{"a", "1"}, {"b", "2"}};
+    for (const int count : {-1, 1, 3}) {
+        BundleFaults faults;
+        faults.TellCount(count);
+        EXPECT_EQ(connection.CreateInsertStatement("t", values, 0), "INSERT INTO t (a, b) VALUES (1, 2)")
+            << count;
     }
 }
 
@@ -360,7 +400,8 @@ TEST(CreateInsertStatement, OnlyAnArray_NoColumn) {
 TEST(CreateInsertStatement, OnlyOtherTypes_NoColumn) {
     CVantryConnection connection;
     const Bundle values{{"a", "1"}, {"b", "2"}};
-    const VisitOtherwise visit({false, 1});
+    BundleFaults faults;
+    faults.VisitAs(1);
     const LogCapture log;
     EXPECT_EQ(connection.CreateInsertStatement("t", values, 0), "");
     EXPECT_THAT(log.Lines(), ElementsAre("D ConvertBundleToMap > default", "D ConvertBundleToMap > default",
@@ -553,6 +594,23 @@ TEST_F(InsertWithOnConflict, BindFails_ValueIsLeftOutAndTheInsertGoesOn) {
                             "I PrepareBindStatement > [bind index2] sqlite3_bind_text() has an error : "
                             "not an error"));
     EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three", "7|NULL"));
+}
+
+// A length in 32 bits that wrapped round would be one of 3 bytes.
+TEST_F(InsertWithOnConflict, ValueLongerThanALength_IsLeftOutAsTooBig) {
+    const GreatText great;
+    if (great.Text() == nullptr) {
+        GTEST_SKIP() << "no address space for it";
+    }
+    const LogCapture log;
+    BundleFaults faults;
+    faults.GiveText(great.Text());
+    EXPECT_EQ(m_connection.InsertWithOnConflict("t", Bundle{{"b", "replaced"}}, 0), 0);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("D CreateInsertStatementWithWildcard > CMD : INSERT INTO t (b) VALUES (?)",
+                            "I PrepareBindStatement > [bind index1] sqlite3_bind_text() has an error : "
+                            "string or blob too big"));
+    EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three", "NULL|NULL"));
 }
 
 TEST_F(InsertWithOnConflict, ViolatedConstraint_StepAndFinaliseLines) {

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "BundleFaults.h"
 #include "FailingNew.h"
 #include "Fixtures.h"
 #include "LogCapture.h"
@@ -24,6 +25,7 @@
 namespace {
 
 using support::Bundle;
+using support::BundleFaults;
 using support::FailingNew;
 using support::LogCapture;
 using support::OpenConnection;
@@ -472,6 +474,22 @@ TEST(ConnectionShortage, IntegrityCheck_WithoutSqlitesMemoryIsLoggedWhenItFails)
     EXPECT_GE(failures, 5);
 }
 
+// In a database of UTF-16 SQLite turns its answer into UTF-8, for which memory may not suffice.
+TEST(ConnectionShortage, IntegrityCheck_WithoutSqlitesMemoryForItsAnswerIsNotSound) {
+    int withoutText = 0;
+    SweepSqlite([&withoutText](Attempt& attempt) {
+        OpenConnection connection("", ":memory:", 6);
+        ASSERT_EQ(connection.OpenOperation(), 0);
+        Exec(connection.m_pDB, "PRAGMA encoding = 'UTF-16'; CREATE TABLE t (a)");
+        bool sound = false;
+        attempt.Run([&] { sound = connection.IntegrityCheck(); });
+        EXPECT_EQ(sound, attempt.Count("I IntegrityCheck > Integrity check result : ok") == 1);
+        withoutText += attempt.Count("I IntegrityCheck > Integrity check result : NG - MSG : ");
+        EXPECT_TRUE(connection.IntegrityCheck());
+    });
+    EXPECT_GE(withoutText, 2);
+}
+
 TEST(ConnectionShortage, SetForeignKeyConstraintsEnabled_IsLoggedAndCanBeSwitchedAgain) {
     const int count = Sweep({"SetForeignKeyConstraintsEnabled"}, [](Attempt& attempt) {
         Database database;
@@ -791,6 +809,17 @@ TEST(ConnectionShortage, Inserts_WriteAWholeRowOrNone) {
             loggers, "InsertWithOnConflict",
             [&row](CVantryConnection& c) { return c.InsertWithOnConflict(kTable, row, 5); }, kAfterInsert),
         1);
+}
+
+// A list of columns that has to grow while the bundle is visited, which cannot be stopped.
+TEST(ConnectionShortage, Inserts_OfMoreEntriesThanAreCountedWriteAWholeRowOrNone) {
+    const NewRow row;
+    BundleFaults faults;
+    faults.TellCount(1);
+    EXPECT_GE(SweepWrite(
+                  {"CreateInsertStatementWithWildcard"}, "InsertWithOnConflict",
+                  [&row](CVantryConnection& c) { return c.InsertRequest(kTable, row); }, kAfterInsert),
+              2);
 }
 
 TEST(ConnectionShortage, Inserts_WithoutSqlitesMemoryWriteAWholeRowOrSayWhatIsNotBound) {
