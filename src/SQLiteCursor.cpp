@@ -230,7 +230,7 @@ int FindValue(const CSQLiteCursorCache* cache, int column, int type, const LogPl
     if (result != vantry::RESULT_OK) {
         return result;
     }
-    if (entry->type != type && !(type == SQLITE_INTEGER && entry->type < SQLITE_INTEGER)) {
+    if (entry->type != type && (type != SQLITE_INTEGER || entry->type >= SQLITE_INTEGER)) {
         return vantry::RESULT_INVALID;
     }
     if (entry->value == nullptr) {

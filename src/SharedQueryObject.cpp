@@ -270,7 +270,8 @@ struct CSharedQueryObject::Source {
             const std::size_t present = std::min(columns.size(), wanted);
             for (std::size_t i = 0; i < present; ++i) {
                 const CDbColumn* const cell = columns[i];
-                visit(cell != nullptr && cell->value != nullptr ? *cell : NO_VALUE);
+                const bool hasValue = cell != nullptr && cell->value != nullptr;
+                visit(hasValue ? *cell : NO_VALUE);
             }
             for (std::size_t i = present; i < wanted; ++i) {
                 visit(NO_VALUE);
