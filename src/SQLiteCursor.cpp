@@ -175,7 +175,8 @@ CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
     auto row = fromEnd ? cache.rows.end() : cache.rows.begin();
     std::ptrdiff_t distance = fromEnd ? index - count : index;
     const std::ptrdiff_t fromPlace = index - cache.placeIndex;
-    if (cache.placeIndex >= 0 && cache.placeIndex < count && std::abs(fromPlace) < std::abs(distance)) {
+    // Never so from a place before the first row or behind the last: an end is as near as that.
+    if (std::abs(fromPlace) < std::abs(distance)) {
         row = cache.place;
         distance = fromPlace;
     }
