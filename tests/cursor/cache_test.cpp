@@ -8,7 +8,9 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Cursors.h"
@@ -106,6 +108,76 @@ TEST(DbColumn, New_IsANullOfNoSize) {
     EXPECT_EQ(column.value, nullptr);
     EXPECT_LT(offsetof(CDbColumn, type), offsetof(CDbColumn, size));
     EXPECT_LT(offsetof(CDbColumn, size), offsetof(CDbColumn, value));
+}
+
+struct LargeColumn : CDbColumn {
+    char more[100] = {};
+};
+
+struct LargeRow : CDbRow {
+    char more[100] = {};
+};
+
+// Makes many of one kind, writes all of their own bytes and says how many keep them.
+template <typename Object>
+int MadeAndKept() {
+    std::vector<std::unique_ptr<Object>> objects;
+    for (int i = 0; i < 200; ++i) {
+        objects.emplace_back(i % 2 == 0 ? new Object : new (std::nothrow) Object);
+        std::memset(objects.back()->more, i, sizeof objects.back()->more);
+    }
+    int kept = 0;
+    for (int i = 0; i < 200; ++i) {
+        const char* const more = objects[static_cast<std::size_t>(i)]->more;
+        kept += std::count(more, more + sizeof(Object::more), static_cast<char>(i)) == sizeof(Object::more);
+    }
+    return kept;
+}
+
+// The library keeps memory for columns and rows in pieces of their size.
+TEST(DbColumn, LargerClassDerivedFromIt_HasItsOwnMemory) { EXPECT_EQ(MadeAndKept<LargeColumn>(), 200); }
+
+TEST(DbRow, LargerClassDerivedFromIt_HasItsOwnMemory) { EXPECT_EQ(MadeAndKept<LargeRow>(), 200); }
+
+TEST(DbColumn, DeleteOfNoMemory_DoesNothing) {
+    CDbColumn::operator delete(nullptr, sizeof(CDbColumn));
+    CDbRow::operator delete(nullptr, sizeof(CDbRow));
+    CDbColumn::operator delete(nullptr, sizeof(LargeColumn));
+}
+
+// Goes after what the library keeps for a thread, when it was made before that.
+class Latecomer {
+public:
+    Latecomer() = default;
+    Latecomer(const Latecomer&) = delete;
+    Latecomer& operator=(const Latecomer&) = delete;
+    ~Latecomer() {
+        std::vector<std::unique_ptr<CDbColumn>> columns;
+        std::vector<std::unique_ptr<CDbRow>> rows;
+        for (int i = 0; i < 300; ++i) {
+            columns.push_back(MakeInteger(i));
+            rows.push_back(std::make_unique<CDbRow>());
+            rows.back()->size = i;
+        }
+        for (int i = 0; i < 300; ++i) {
+            long long number = -1;
+            std::memcpy(&number, columns[static_cast<std::size_t>(i)]->value, sizeof number);
+            *right += number == i && rows[static_cast<std::size_t>(i)]->size == i;
+        }
+    }
+
+    int* right = nullptr;
+};
+
+TEST(DbColumn, MadeWhileItsThreadEnds_IsLikeAnyOther) {
+    int right = 0;
+    std::thread([&right] {
+        thread_local Latecomer latecomer;
+        latecomer.right = &right;
+        MakeInteger(1);
+        std::make_unique<CDbRow>();
+    }).join();
+    EXPECT_EQ(right, 300);
 }
 
 TEST(DbRow, New_IsEmptyAndNotCached) {

@@ -392,6 +392,19 @@ TEST(MoveNextStep, EvictedRowWithoutStatement_ReturnsMinus14) {
     EXPECT_THAT(log.Lines(), ElementsAre(NotConstructed("UpdateRowCache")));
 }
 
+TEST(MoveNextStep, PositionFarBeforeTheRows_IsLoggedAndReturns0) {
+    OpenCursor cursor;
+    AppendRow(cursor, MakeInteger(4));
+    for (const int position : {-2, -3, -100}) {
+        cursor.m_currentRowIndex = position;
+        const LogCapture log;
+        EXPECT_EQ(cursor.MoveNextStep(), 0);
+        EXPECT_EQ(cursor.GetCurrentRowIndex(), position);
+        EXPECT_EQ(cursor.m_pCache->currentRow, nullptr);
+        EXPECT_THAT(log.Lines(), ElementsAre("I MoveNextStep > Can't find the next item "));
+    }
+}
+
 TEST(MoveNextStep, RowThatIsNotInTheList_IsLoggedAndReturns0) {
     BoastfulCursor cursor;
     AppendRow(cursor, MakeInteger(4));
@@ -957,6 +970,27 @@ TEST(MoveCost, NextAndPreviousStartAtThePlaceOfTheLastMove) {
     EXPECT_EQ(result->MovePreviousStep(), 0);
     EXPECT_EQ(Integer(*result), 9);
     EXPECT_EQ(cache.placeIndex, 499);
+}
+
+TEST(MoveCost, PlaceNearerThanTheEnds_IsWhereTheSearchStarts) {
+    Result result(Numbers(1000));
+    ASSERT_EQ(result->MoveNextStep(), 0);
+    ASSERT_EQ(result->CreateCacheTillEnd(), 0);
+    auto& cache = result.Cache();
+    const auto found = [&](int from, int (CSQLiteCursor::*move)()) {
+        cache.place = std::next(cache.rows.begin(), 450);
+        cache.placeIndex = 500;
+        result->m_currentRowIndex = from;
+        EXPECT_EQ(((*result).*move)(), 0);
+        return Integer(*result);
+    };
+    EXPECT_EQ(found(502, &CSQLiteCursor::MoveNextStep), 453);
+    EXPECT_EQ(found(498, &CSQLiteCursor::MovePreviousStep), 447);
+    // On the way between two, at the last row that is nearer to the place and the first that is not.
+    EXPECT_EQ(found(748, &CSQLiteCursor::MoveNextStep), 699);
+    EXPECT_EQ(found(749, &CSQLiteCursor::MoveNextStep), 750);
+    EXPECT_EQ(found(252, &CSQLiteCursor::MovePreviousStep), 201);
+    EXPECT_EQ(found(251, &CSQLiteCursor::MovePreviousStep), 250);
 }
 
 TEST(MoveCost, FarPlace_IsNotUsedNearTheEnds) {

@@ -10,6 +10,7 @@
 #include <new>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -732,6 +733,7 @@ TEST(ConnectionShortage, CreateInsertStatementWithWildcard_IsWholeOrEmpty) {
             [&] { text = database.connection.CreateInsertStatementWithWildcard(kTable, row, 0, arguments); });
         if (attempt.Failed() > 0) {
             EXPECT_EQ(text, "");
+            EXPECT_THAT(arguments, IsEmpty());
             text = database.connection.CreateInsertStatementWithWildcard(kTable, row, 0, arguments);
         }
         EXPECT_EQ(text,
@@ -1135,6 +1137,15 @@ TEST(CursorShortage, FirstMoveNextStep_GivesARowOrCanBeStartedAfresh) {
     EXPECT_GE(count, 1);
 }
 
+// The library keeps a stock of columns and one of rows for each thread; in a new one both are empty.
+TEST(CursorShortage, FirstMoveNextStepOfAThread_GivesARowOrCanBeStartedAfresh) {
+    const auto move = [](ISQLiteCursor& c) { return c.MoveNextStep(); };
+    const int known = Sweep(kCursorLoggers, [&](Attempt& attempt) { FirstMove(attempt, move); });
+    const int fresh = Sweep(kCursorLoggers,
+                            [&](Attempt& attempt) { std::thread([&] { FirstMove(attempt, move); }).join(); });
+    EXPECT_GT(fresh, known);
+}
+
 TEST(CursorShortage, FirstMoveFirstStep_GivesARowOrCanBeStartedAfresh) {
     const int count = Sweep(kCursorLoggers, [](Attempt& attempt) {
         FirstMove(attempt, [](ISQLiteCursor& c) { return c.MoveFirstStep(); });
@@ -1187,6 +1198,30 @@ TEST(CursorShortage, MoveNextStep_WithoutSqlitesMemoryGivesARowOrACode) {
         }
     });
     EXPECT_GE(count, 1);
+}
+
+// SQLite keeps a name as it was asked for last, and turns it back when it is asked for otherwise.
+TEST(CursorShortage, FirstMoveNextStep_WithoutSqlitesMemoryForANameGivesNoRow) {
+    int nameless = 0;
+    SweepSqlite([&nameless](Attempt& attempt) {
+        Database database;
+        sqlite3_stmt* const statement =
+            support::Prepare(database.Handle(), "SELECT 1 AS first, 2 AS a_column_with_a_long_name");
+        sqlite3_column_name16(statement, 1);
+        OpenCursor cursor(database.Handle(), statement);
+        int result = 1;
+        attempt.Run([&] { result = cursor.MoveNextStep(); });
+        if (attempt.Count("I AddRowCache > The memory is insufficient") == 0) {
+            EXPECT_EQ(attempt.Failed() > 0, result != 0);
+            return;
+        }
+        ++nameless;
+        EXPECT_EQ(result, -12);
+        EXPECT_EQ(cursor.GetNumbersOfRows(), 0);
+        EXPECT_EQ(cursor.GetColumnName(0), "");
+        EXPECT_EQ(cursor.GetCurrentCacheSize(), 0);
+    });
+    EXPECT_EQ(nameless, 2);
 }
 
 TEST(CursorShortage, MovesThroughCachedRows_NeedNoMemory) {

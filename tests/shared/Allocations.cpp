@@ -1,5 +1,6 @@
 #include "Allocations.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
@@ -16,18 +17,22 @@ struct State {
     std::size_t bytes;
 };
 thread_local State t_state{};
+std::atomic<int> g_aligned{0};
 
-void* Allocate(std::size_t size, const void* caller) {
+// Counts a request, and tells whether it is the one that fails.
+bool Fails(std::size_t size, const void* caller) {
     State& state = t_state;
     if (state.active && (!state.onlyLibrary || support::FromLibrary(caller))) {
         ++state.count;
         state.greatest = size > state.greatest ? size : state.greatest;
         state.bytes += size;
-        if (state.count == state.failing) {
-            return nullptr;
-        }
+        return state.count == state.failing;
     }
-    return std::malloc(size > 0 ? size : 1);
+    return false;
+}
+
+void* Allocate(std::size_t size, const void* caller) {
+    return Fails(size, caller) ? nullptr : std::malloc(size > 0 ? size : 1);
 }
 
 void* AllocateOrThrow(std::size_t size, const void* caller) {
@@ -46,6 +51,18 @@ void* operator new(std::size_t size) { return AllocateOrThrow(size, CALLER); }
 void* operator new[](std::size_t size) { return AllocateOrThrow(size, CALLER); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size, CALLER); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size, CALLER); }
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    if (Fails(size, CALLER)) {
+        return nullptr;
+    }
+    const auto step = static_cast<std::size_t>(alignment);
+    ++g_aligned;
+    return std::aligned_alloc(step, (size + step - 1) / step * step);
+}
+void operator delete(void* bytes, std::align_val_t) noexcept {
+    --g_aligned;
+    std::free(bytes);
+}
 void operator delete(void* bytes) noexcept { std::free(bytes); }
 void operator delete[](void* bytes) noexcept { std::free(bytes); }
 void operator delete(void* bytes, std::size_t) noexcept { std::free(bytes); }
@@ -65,5 +82,6 @@ int Allocations::Count() const { return t_state.count; }
 bool Allocations::Failed() const { return t_state.failing > 0 && t_state.count >= t_state.failing; }
 std::size_t Allocations::Greatest() const { return t_state.greatest; }
 std::size_t Allocations::Bytes() const { return t_state.bytes; }
+int Allocations::Aligned() { return g_aligned; }
 
 }  // namespace support

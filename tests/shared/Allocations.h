@@ -25,6 +25,8 @@ public:
     // The bytes of the greatest request, and of all together.
     std::size_t Greatest() const;
     std::size_t Bytes() const;
+    // Pieces with an alignment of their own that the whole program has and has not released.
+    static int Aligned();
 };
 
 }  // namespace support

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <thread>
 
 #include "Allocations.h"
 #include "LogCapture.h"
@@ -321,6 +322,29 @@ TEST(SerializeCursorData, BlockBeyondTheMemory_Minus12) {
     }
     EXPECT_EQ(-12, result);
     EXPECT_THAT(log.Lines(), ElementsAre("I SerializeCursorData > " + NO_MEMORY_LINE));
+}
+
+TEST(SerializeCursorData, ValuesOfMoreThan2GiB_Minus12) {
+    const auto cursor = MakeCursor(2, 1, {"a", "b"}, {{Text("x"), Text("y")}});
+    for (CDbColumn* const column : cursor->m_pCache->rows.front()->columns) {
+        column->size = INT_MAX;
+    }
+    OpenSharedObject object;
+    object.m_buffer.assign(5, 'x');
+    const LogCapture log;
+    EXPECT_EQ(-12, object.SerializeCursorData(cursor));
+    EXPECT_THAT(log.Lines(), ElementsAre("I SerializeCursorData > " + NO_MEMORY_LINE));
+    EXPECT_THAT(object.m_buffer, IsEmpty());
+}
+
+TEST(SerializeCursorData, ColumnThatIsMissing_IsNull) {
+    const auto cursor = MakeCursor(3, 1, {"a", "b", "c"}, {{Text("x"), Text("y"), Text("z")}});
+    CDbColumn*& missing = cursor->m_pCache->rows.front()->columns[1];
+    delete missing;
+    missing = nullptr;
+    const std::string names = Name("a") + Name("b") + Name("c");
+    EXPECT_EQ(Serialized(cursor),
+              Int(3) + Int(1) + names + Cell(3, {'x', 0}) + Cell(5, "") + Cell(3, {'z', 0}));
 }
 
 // ---- Reading whole blocks -----------------------------------------------------------------------------
@@ -811,7 +835,8 @@ TEST(DeserializeCursorData, AbsurdCounts_TakeNoMemoryBeforeTheBytesAreThere) {
         }
         ASSERT_NE(nullptr, cursor);
         EXPECT_GT(count, 0);
-        EXPECT_LT(greatest, 1000U);
+        // A stock of columns is the greatest.
+        EXPECT_LT(greatest, 4097U);
         EXPECT_EQ(1U, log.Lines().size());
         EXPECT_EQ(cursor->GetNumbersOfRows(), Visit(*cursor));
     }
@@ -825,16 +850,60 @@ TEST(DeserializeCursorData, MemoryRunsOutAnywhere_NullWithItsLineAndNoException)
         std::string copy = block;
         const LogCapture log;
         std::shared_ptr<ISQLiteCursor> cursor;
-        {
+        // A thread of its own has nothing in store.
+        std::thread([&] {
             const Allocations allocations(failing, Allocations::Of::Library);
             EXPECT_NO_THROW(cursor = CSharedQueryObject::DeserializeCursorData(
                                 copy.data(), static_cast<int>(copy.size())));
             failed = allocations.Failed();
-        }
+        }).join();
         EXPECT_EQ(failed, cursor == nullptr);
         EXPECT_EQ(failed ? 1 : 0, log.Count("I DeserializeCursorData > " + NO_MEMORY_LINE));
     }
     EXPECT_GT(failing, 20);
+}
+
+// The library keeps a stock of columns and one of rows for each thread.
+TEST(DeserializeCursorData, ThreadThatEnds_LeavesNoStockBehind) {
+    const int before = Allocations::Aligned();
+    std::shared_ptr<ISQLiteCursor> cursor;
+    std::thread([&cursor] { cursor = Read(AllTypes().bytes); }).join();
+    EXPECT_EQ(Allocations::Aligned(), before + 2);
+    cursor.reset();
+    EXPECT_EQ(Allocations::Aligned(), before);
+    std::thread([] { Read(AllTypes().bytes); }).join();
+    EXPECT_EQ(Allocations::Aligned(), before);
+}
+
+TEST(DbRow, AnyNumberMadeInAThread_LeavesNoStockBehind) {
+    const int before = Allocations::Aligned();
+    for (int count = 1; count <= 200; ++count) {
+        std::thread([count] {
+            for (int i = 0; i < count; ++i) {
+                std::make_unique<CDbRow>();
+            }
+        }).join();
+        ASSERT_EQ(Allocations::Aligned(), before) << count;
+    }
+}
+
+// Goes after the thread's stock, when it was made before that.
+struct LateReader {
+    ~LateReader() {
+        for (int i = 0; i < 3; ++i) {
+            Read(AllTypes().bytes);
+        }
+    }
+};
+
+TEST(DeserializeCursorData, ReadWhileItsThreadEnds_LeavesNoStockBehind) {
+    const int before = Allocations::Aligned();
+    std::thread([] {
+        thread_local const LateReader reader;
+        static_cast<void>(&reader);
+        Read(AllTypes().bytes);
+    }).join();
+    EXPECT_EQ(Allocations::Aligned(), before);
 }
 
 // ---- What the fuzzer starts from ----------------------------------------------------------------------
