@@ -539,6 +539,17 @@ TEST(ContentHelperDestructor, Connected_Disconnects) {
     EXPECT_EQ(vfs.OpenFiles(), 0);
 }
 
+TEST(ContentHelperDestructor, LeavesNoMemoryBehind) {
+    const TempDir dir;
+    const int before = FailingNew::Pieces();
+    {
+        OpenHelper helper(dir.Path(), "a.db", 7);
+        EXPECT_NE(helper.ConnectDB(), nullptr);
+        EXPECT_GT(FailingNew::Pieces(), before);
+    }
+    EXPECT_EQ(FailingNew::Pieces(), before);
+}
+
 // ---- The helper's lock --------------------------------------------------------------------------------
 
 TEST(ConnectDB, RunsUnderTheHelpersLock_HooksIncluded) {

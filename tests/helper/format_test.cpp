@@ -97,7 +97,9 @@ TEST(ToSQLFormat, TextWithZeroByte_IsKeptWhole_AndAPointerEndsThere) {
 }
 
 TEST(ToSQLFormat, NullPointer_GivesTheEmptyText) {
+    const LogCapture log;
     EXPECT_EQ(CContentHelper::ToSQLFormat(static_cast<const char*>(nullptr)), "");
+    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 TEST(ToSQLFormat, Bool_IsOneOrZero) {

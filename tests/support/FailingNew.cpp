@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -39,13 +40,25 @@ bool Fails(bool sqlite) {
     return true;
 }
 
+std::atomic<int> g_pieces{0};
+
+void* Counted(void* memory) noexcept {
+    g_pieces += memory != nullptr ? 1 : 0;
+    return memory;
+}
+
+void Release(void* memory) noexcept {
+    g_pieces -= memory != nullptr ? 1 : 0;
+    std::free(memory);
+}
+
 void* Allocate(std::size_t size) noexcept {
-    return Fails(false) ? nullptr : std::malloc(size > 0 ? size : 1);
+    return Fails(false) ? nullptr : Counted(std::malloc(size > 0 ? size : 1));
 }
 
 void* AllocateAligned(std::size_t size, std::align_val_t alignment) noexcept {
     const auto step = static_cast<std::size_t>(alignment);
-    return Fails(false) ? nullptr : std::aligned_alloc(step, (size + step - 1) / step * step);
+    return Fails(false) ? nullptr : Counted(std::aligned_alloc(step, (size + step - 1) / step * step));
 }
 
 void* Checked(void* memory) {
@@ -93,25 +106,25 @@ void* operator new[](std::size_t size, std::align_val_t alignment, const std::no
     return AllocateAligned(size, alignment);
 }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept { std::free(memory); }
-void operator delete[](void* memory, const std::nothrow_t& /*tag*/) noexcept { std::free(memory); }
-void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::align_val_t /*alignment*/) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept { Release(memory); }
+void operator delete[](void* memory) noexcept { Release(memory); }
+void operator delete(void* memory, std::size_t /*size*/) noexcept { Release(memory); }
+void operator delete[](void* memory, std::size_t /*size*/) noexcept { Release(memory); }
+void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept { Release(memory); }
+void operator delete[](void* memory, const std::nothrow_t& /*tag*/) noexcept { Release(memory); }
+void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept { Release(memory); }
+void operator delete[](void* memory, std::align_val_t /*alignment*/) noexcept { Release(memory); }
 void operator delete(void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-    std::free(memory);
+    Release(memory);
 }
 void operator delete[](void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-    std::free(memory);
+    Release(memory);
 }
 void operator delete(void* memory, std::align_val_t /*alignment*/, const std::nothrow_t& /*tag*/) noexcept {
-    std::free(memory);
+    Release(memory);
 }
 void operator delete[](void* memory, std::align_val_t /*alignment*/, const std::nothrow_t& /*tag*/) noexcept {
-    std::free(memory);
+    Release(memory);
 }
 
 namespace support {
@@ -121,5 +134,7 @@ FailingNew::FailingNew(Shortage shortage, int number) { t_state = {g_installed, 
 void FailingNew::Stop() { t_state.active = false; }
 
 int FailingNew::Failed() const { return t_state.failed; }
+
+int FailingNew::Pieces() { return g_pieces; }
 
 }  // namespace support

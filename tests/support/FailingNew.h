@@ -29,6 +29,8 @@ public:
     void Stop();
     // Allocations that failed.
     int Failed() const;
+    // What the whole program has of operator new and has not released.
+    static int Pieces();
 };
 
 }  // namespace support
