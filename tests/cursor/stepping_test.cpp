@@ -986,6 +986,8 @@ TEST(MoveCost, PlaceNearerThanTheEnds_IsWhereTheSearchStarts) {
     };
     EXPECT_EQ(found(502, &CSQLiteCursor::MoveNextStep), 453);
     EXPECT_EQ(found(498, &CSQLiteCursor::MovePreviousStep), 447);
+    EXPECT_EQ(found(499, &CSQLiteCursor::MoveNextStep), 450);
+    EXPECT_EQ(found(501, &CSQLiteCursor::MovePreviousStep), 450);
     // On the way between two, at the last row that is nearer to the place and the first that is not.
     EXPECT_EQ(found(748, &CSQLiteCursor::MoveNextStep), 699);
     EXPECT_EQ(found(749, &CSQLiteCursor::MoveNextStep), 750);
