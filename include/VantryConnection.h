@@ -221,7 +221,7 @@ public:
     /// Switches foreign keys on or off when that differs from the last switch; a new connection counts as
     /// switched off.
     ///
-    /// Threads: takes the lock for the switch.
+    /// Threads: takes the lock for the switch itself; what it remembers is for the caller to guard.
     ///
     /// Kept: a failed switch is remembered as done, and the last switch across a close and an open, where
     /// SQLite starts anew.

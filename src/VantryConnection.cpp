@@ -751,17 +751,20 @@ bool CVantryConnection::IntegrityCheck() {
 }
 
 void CVantryConnection::SetForeignKeyConstraintsEnabled(bool enable) {
-    const CDBLocalScopedLock guard(m_pLock);
     if (!CheckHandle(m_pDB, VANTRY_HERE)) {
         return;
     }
     if (enable != m_foreignKeysEnabled) {
         // Kept: remembered before it is done, and when it fails.
         m_foreignKeysEnabled = enable;
-        std::string error;
-        if (Execute(m_pDB, enable ? "PRAGMA foreign_keys=1" : "PRAGMA foreign_keys=0", error,
-                    VANTRY_PLACE("ExcuteSQL")) != vantry::RESULT_OK) {
-            VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
+        try {
+            std::string error;
+            if (ExcuteSQL(enable ? "PRAGMA foreign_keys=1" : "PRAGMA foreign_keys=0", error) !=
+                vantry::RESULT_OK) {
+                VANTRY_LOGF(DLOG_INFO, "SQLite3 Error - %s", sqlite3_errmsg(m_pDB));
+            }
+        } catch (const std::exception&) {
+            VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
         }
     }
     VANTRY_LOGF(DLOG_DEBUG, "Foreign key is turned %s", m_foreignKeysEnabled ? "ON" : "OFF");

@@ -470,25 +470,4 @@ TEST(OpenOperationInThreads, AFailedOpenBesideAClose_TellsItsOwnMessage) {
     }
 }
 
-TEST_F(ThreadsOnConnection, SwitchesOfForeignKeys_TakeTurns) {
-    InThreads([&](int number) {
-        for (int i = 0; i < 20; ++i) {
-            m_connection.SetForeignKeyConstraintsEnabled((i + number) % 2 == 0);
-        }
-    });
-}
-
-TEST_F(ThreadsOnConnection, ASwitchOfForeignKeysBesideClose_FindsAHandleOrNone) {
-    InThreads([&](int number) {
-        for (int i = 0; i < 20; ++i) {
-            if (number == 0) {
-                m_connection.CloseDB();
-                m_connection.OpenOperation();
-            } else if (number == 1) {
-                m_connection.SetForeignKeyConstraintsEnabled(i % 2 == 0);
-            }
-        }
-    });
-}
-
 }  // namespace
