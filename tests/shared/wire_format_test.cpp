@@ -347,6 +347,23 @@ TEST(SerializeCursorData, ColumnThatIsMissing_IsNull) {
               Int(3) + Int(1) + names + Cell(3, {'x', 0}) + Cell(5, "") + Cell(3, {'z', 0}));
 }
 
+TEST(SerializeCursorData, RowOfFewerColumnsThanTheResult_IsFilledUpWithNulls) {
+    constexpr int COLUMNS = 1000;
+    const auto cursor = MakeCursor(COLUMNS, 2, {}, {{Text("x")}, {}});
+    std::string expected = Int(COLUMNS) + Int(2) + Cell(3, {'x', 0});
+    for (int i = 1; i < 2 * COLUMNS; ++i) {
+        expected += Cell(5, "");
+    }
+    EXPECT_EQ(Serialized(cursor), expected);
+}
+
+TEST(SerializeCursorData, RowOfMoreColumnsThanTheResult_IsCutOff) {
+    EXPECT_EQ(Serialized(MakeCursor(1, 1, {"a"}, {{Text("x"), Text("y")}})),
+              Int(1) + Int(1) + Name("a") + Cell(3, {'x', 0}));
+    EXPECT_EQ(Serialized(MakeCursor(0, 1, {}, {{Text("x")}})), Int(0) + Int(1));
+    EXPECT_EQ(Serialized(MakeCursor(-1, 1, {}, {{Text("x")}})), Int(-1) + Int(1));
+}
+
 // ---- Reading whole blocks -----------------------------------------------------------------------------
 
 TEST(DeserializeCursorData, NullBufferOrLessThan4Bytes_NullWithItsLine) {
