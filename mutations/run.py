@@ -203,7 +203,7 @@ def run_in(scratch, folder, command, seconds):
     process = subprocess.Popen(
         command,
         cwd=folder,
-        env={**os.environ, "LD_LIBRARY_PATH": str(folder), "TMPDIR": scratch},
+        env={**os.environ, "LD_LIBRARY_PATH": f"{folder}:{RELEASE}/platform", "TMPDIR": scratch},
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         text=True,
