@@ -464,7 +464,10 @@ TEST(OpenOperationInThreads, AFailedOpenBesideAClose_TellsItsOwnMessage) {
         CVantryConnection connection(dir.Path() + "missing/", "a.db", 6);
         InThreads([&](int number) {
             for (int i = 0; i < 20; ++i) {
-                number == 0 ? connection.OpenOperation() : connection.CloseDB();
+                if (number == 0) {
+                    connection.OpenOperation();
+                }
+                connection.CloseDB();
             }
         });
     }
