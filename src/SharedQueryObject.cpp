@@ -209,6 +209,7 @@ CDbColumn* ReadCell(BlockReader& reader, ColumnPool::Batch& cells) {
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
+    // cppcheck-suppress legacyUninitvar ; the memory is placed, and the object in it has first contents
     auto* const cell = ::new (memory) CDbColumn;
     cell->type = type;
     cell->size = static_cast<int>(size);
