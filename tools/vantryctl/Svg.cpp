@@ -148,8 +148,8 @@ std::vector<std::string> Wrap(const std::string& text, double size, double width
 }
 
 struct Style {
-    double size;
-    const char* fill;
+    double size = 0;
+    const char* fill = "";
     int weight = 400;
     const char* family = SANS;
     double spacing = 0;
