@@ -17,6 +17,7 @@
 
 #include "Command.h"
 #include "ContentHelper.h"
+#include "Descriptor.h"
 #include "Processes.h"
 #include "Terminal.h"
 #include "Text.h"
@@ -53,22 +54,6 @@ std::string Reason(int error) {
     text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
     return text;
 }
-
-class CDescriptor {
-public:
-    explicit CDescriptor(int number) : m_number(number) {}
-    CDescriptor(const CDescriptor&) = delete;
-    CDescriptor& operator=(const CDescriptor&) = delete;
-    ~CDescriptor() {
-        if (m_number >= 0) {
-            close(m_number);
-        }
-    }
-    int Number() const { return m_number; }
-
-private:
-    int m_number;
-};
 
 bool IsRegular(const std::string& file) {
     struct stat status {};

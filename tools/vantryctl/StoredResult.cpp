@@ -16,6 +16,7 @@
 
 #include "ByteIO.h"
 #include "Command.h"
+#include "Descriptor.h"
 #include "Processes.h"
 #include "SharedQueryObject.h"
 #include "Text.h"
@@ -34,22 +35,6 @@ constexpr int REAL = 2;
 constexpr int TEXT = 3;
 constexpr int BLOB = 4;
 constexpr int NUMBER_BYTES = 8;
-
-class CDescriptor {
-public:
-    explicit CDescriptor(int number) : m_number(number) {}
-    CDescriptor(const CDescriptor&) = delete;
-    CDescriptor& operator=(const CDescriptor&) = delete;
-    ~CDescriptor() {
-        if (m_number >= 0) {
-            close(m_number);
-        }
-    }
-    int Number() const { return m_number; }
-
-private:
-    int m_number;
-};
 
 // Neither follows a link nor waits for a pipe.
 int OpenObject(const std::string& name) {
