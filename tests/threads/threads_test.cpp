@@ -460,17 +460,23 @@ TEST(TilesDAOInThreads, QueriesSerialisedByTheCallersBesideConnectDB_AllSucceed)
 
 TEST(OpenOperationInThreads, AFailedOpenBesideAClose_TellsItsOwnMessage) {
     const TempDir dir;
-    for (int round = 0; round < 50; ++round) {
-        CVantryConnection connection(dir.Path() + "missing/", "a.db", 6);
-        InThreads([&](int number) {
-            for (int i = 0; i < 20; ++i) {
-                if (number == 0) {
-                    connection.OpenOperation();
+    CVantryConnection connection(dir.Path() + "missing/", "a.db", 6);
+    // Relaxed: what orders the threads is the connection's lock alone.
+    std::atomic<bool> opens{true};
+    InThreads([&](int number) {
+        if (number == 0) {
+            for (int i = 0; i < 300; ++i) {
+                connection.OpenOperation();
+                while (connection.IsOpen()) {
+                    std::this_thread::yield();
                 }
-                connection.CloseDB();
             }
-        });
-    }
+            opens.store(false, std::memory_order_relaxed);
+        }
+        while (opens.load(std::memory_order_relaxed)) {
+            connection.CloseDB();
+        }
+    });
 }
 
 }  // namespace
