@@ -289,6 +289,12 @@ public:
     int placeIndex = -1;
     /// The newest row of which is known that it and all before it are evicted; `rows.end()` when none is.
     std::list<CDbRow*>::iterator lastEvicted;
+
+    /// Bytes that the first `countedRows` rows take in a stored result: to store it then needs no look at every
+    /// value before its size is known. Rows that are changed by hand are noticed when they are written.
+    std::uint64_t countedBytes = 0;
+    /// The number of rows of which the bytes are counted; those of a fetched result are not.
+    std::size_t countedRows = 0;
 };
 
 /// A cursor over one prepared select statement, with the rows that it has stepped over in a cache.

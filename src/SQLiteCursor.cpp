@@ -12,9 +12,11 @@
 #include "Log.h"
 #include "ResultCodes.h"
 #include "SlabPool.h"
+#include "StoredSize.h"
 
 using vantry::CallWhileBusy;
 using vantry::LogPlace;
+using vantry::StoredBytes;
 
 const int CSQLiteCursor::MAX_DB_CACHE_SIZE;
 
@@ -521,6 +523,10 @@ int CSQLiteCursor::CacheCurrentRow(bool recordNames, const LogPlace& place) {
             "for the current row");
     }
     row->isCached = true;
+    for (const CDbColumn* const entry : row->columns) {
+        cache.countedBytes += StoredBytes(*entry);
+    }
+    ++cache.countedRows;
     cache.rows.splice(cache.rows.end(), link);
     cache.currentRow = row.release();
     ++m_currentRowIndex;

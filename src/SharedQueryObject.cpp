@@ -19,10 +19,13 @@
 #include "Log.h"
 #include "ResultCodes.h"
 #include "SlabPool.h"
+#include "StoredSize.h"
 
 using vantry::ByteReader;
 using vantry::ByteWriter;
+using vantry::EndsInZero;
 using vantry::LogPlace;
+using vantry::StoredBytes;
 
 const std::string CSharedQueryObject::SHM_PREFIX = "/.vantry_";
 int CSharedQueryObject::m_requestId = 0;
@@ -36,6 +39,7 @@ constexpr std::size_t CELL_HEAD_BYTES = 8;
 constexpr int NUMBER_BYTES = 8;
 // 2 MiB, and what column names and field widths may add to a full row cache.
 constexpr int MAX_SHM_SIZE = 2098175;
+constexpr std::uint64_t MAX_BLOCK_BYTES = MAX_SHM_SIZE - FIELD_BYTES;
 constexpr mode_t SHM_MODE = 0666;
 constexpr int SHM_ERROR = -1;
 
@@ -112,8 +116,6 @@ int ReadableBytes(const char* mapping, int mappedSize, int descriptor) {
 const CDbColumn NO_VALUE;
 
 using ColumnPool = vantry::SlabPool<sizeof(CDbColumn)>;
-
-bool EndsInZero(int type) { return type == SQLITE_TEXT || type == SQLITE_BLOB; }
 
 // ---- Reading ------------------------------------------------------------------------------------------
 
@@ -280,20 +282,34 @@ struct CSharedQueryObject::Source {
         }
     }
 
-    // The length of the block in bytes.
-    std::uint64_t Length() const {
+    // The length of what stands before the cells, in bytes.
+    std::uint64_t HeadLength() const {
         std::uint64_t length = BLOCK_HEAD_BYTES;
         for (const std::string& name : cache->columnNames) {
             length += FIELD_BYTES + name.size() + 1;
         }
-        ForEachCell([&length](const CDbColumn& cell) {
-            length +=
-                CELL_HEAD_BYTES + static_cast<std::uint64_t>(cell.size) + (EndsInZero(cell.type) ? 1 : 0);
-        });
         return length;
     }
 
-    void Write(char* target) const {
+    // The length of the block in bytes.
+    std::uint64_t Length() const {
+        std::uint64_t length = HeadLength();
+        ForEachCell([&length](const CDbColumn& cell) { length += StoredBytes(cell); });
+        return length;
+    }
+
+    // The same, where it can be without a look at the cells: from what the cache counted when it was given them.
+    // Wrong when rows were changed by hand since then.
+    std::uint64_t CountedLength() const {
+        const std::uint64_t length = HeadLength() + cache->countedBytes;
+        const bool counted = cache->countedRows == cache->rows.size();
+        return counted && length <= MAX_BLOCK_BYTES ? length : Length();
+    }
+
+    // Writes the block. Returns false when it does not have this length; nothing is written behind it.
+    bool Write(char* target, std::uint64_t length) const {
+        std::uint64_t remaining = length - HeadLength();
+        bool fits = true;
         ByteWriter writer(target);
         writer.PutInt(columnCount);
         writer.PutInt(rowCount);
@@ -301,7 +317,13 @@ struct CSharedQueryObject::Source {
             writer.PutInt(static_cast<std::int32_t>(name.size()) + 1);
             writer.PutBytes(name.c_str(), name.size() + 1);
         }
-        ForEachCell([&writer](const CDbColumn& cell) {
+        ForEachCell([&](const CDbColumn& cell) {
+            const std::uint64_t bytes = StoredBytes(cell);
+            fits = fits && bytes <= remaining;
+            if (!fits) {
+                return;
+            }
+            remaining -= bytes;
             const bool endsInZero = EndsInZero(cell.type);
             writer.PutInts(cell.type, cell.size + (endsInZero ? 1 : 0));
             writer.PutBytes(cell.value, static_cast<std::size_t>(cell.size));
@@ -309,6 +331,7 @@ struct CSharedQueryObject::Source {
                 writer.PutZero();
             }
         });
+        return fits && remaining == 0;
     }
 };
 
@@ -347,7 +370,7 @@ int CSharedQueryObject::SerializeCursorData(std::shared_ptr<ISQLiteCursor> pCurs
         VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
         return vantry::RESULT_NO_MEMORY;
     }
-    source.Write(m_buffer.data());
+    source.Write(m_buffer.data(), length);
     m_dataSize = static_cast<int>(length);
     return vantry::RESULT_OK;
 }
@@ -545,19 +568,28 @@ int CSharedQueryObject::StoreCursor(std::shared_ptr<ISQLiteCursor> pCursor, cons
     if (FindSource(pCursor, VANTRY_HERE, source) != vantry::RESULT_OK) {
         return fail();
     }
-    const std::uint64_t length = source.Length();
-    object.m_size = static_cast<int>(std::min(length + FIELD_BYTES, static_cast<std::uint64_t>(INT_MAX)));
-    if (object.ShmCreateObject(object.m_size) != vantry::RESULT_OK) {
-        VANTRY_LOG(DLOG_INFO, "Shared memory create has failed");
-    }
-    if (object.m_pData == nullptr) {
-        VANTRY_LOG(DLOG_INFO, "Get Shared memory has failed");
-        return fail();
+    for (std::uint64_t length = source.CountedLength();; length = source.Length()) {
+        object.m_size = static_cast<int>(std::min(length + FIELD_BYTES, static_cast<std::uint64_t>(INT_MAX)));
+        if (object.ShmCreateObject(object.m_size) != vantry::RESULT_OK) {
+            VANTRY_LOG(DLOG_INFO, "Shared memory create has failed");
+        }
+        if (object.m_pData == nullptr) {
+            VANTRY_LOG(DLOG_INFO, "Get Shared memory has failed");
+            return fail();
+        }
+        ByteWriter(object.m_pData).PutInt(static_cast<std::int32_t>(length));
+        // Straight into the mapping; every byte of it is written.
+        if (source.Write(object.m_pData + FIELD_BYTES, length)) {
+            break;
+        }
+        // The cache has counted something else than its rows hold now.
+        const int detached = object.DetachData();
+        shm_unlink(object.m_name.c_str());
+        if (detached != vantry::RESULT_OK) {
+            return fail();
+        }
     }
     size = object.m_size;
-    ByteWriter(object.m_pData).PutInt(static_cast<std::int32_t>(length));
-    // Straight into the mapping; every byte of it is written.
-    source.Write(object.m_pData + FIELD_BYTES);
     VANTRY_LOGF(DLOG_DEBUG, "The cursor(%s) was stored successfully", name.c_str());
     object.DetachData();
     return vantry::RESULT_OK;

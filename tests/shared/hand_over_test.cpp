@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstring>
 #include <deque>
 #include <fstream>
 #include <mutex>
@@ -383,6 +384,87 @@ TEST_F(StoreCursor, CursorStandsOnAnEvictedResult_ArrivesWhole) {
         ASSERT_EQ(0, cursor->GetStringData(0, text));
         EXPECT_TRUE(text == std::string(1048576, letter));
     }
+}
+
+// The cache counts a row's bytes when it caches the row; whoever changes it later does not tell the cache.
+void ChangeByHand(CSQLiteCursor& cursor, const std::string& text) {
+    CDbColumn& cell = *cursor.GetCusorCache()->rows.front()->columns.front();
+    delete[] cell.value;
+    cell.value = new char[text.size() + 1];
+    std::memcpy(cell.value, text.c_str(), text.size() + 1);
+    cell.size = static_cast<int>(text.size());
+}
+
+std::string TwoRowsOf(const std::string& first, const std::string& second) {
+    return "SELECT '" + first + "' AS v UNION ALL SELECT '" + second + "'";
+}
+
+TEST_F(StoreCursor, CachedRow_IsCountedWhenItIsCached) {
+    const auto cursor =
+        support::Stepped("SELECT 7, 1.5, 'ab', x'00', NULL, '' UNION ALL SELECT 1, 2, 3, 4, 5, 6");
+    EXPECT_EQ(2U, cursor->GetCusorCache()->countedRows);
+    EXPECT_EQ(16U + 16 + 11 + 10 + 8 + 9 + 6 * 16, cursor->GetCusorCache()->countedBytes);
+}
+
+TEST_F(StoreCursor, RowChangedByHandSinceItWasCached_IsStoredAsItIs) {
+    for (const std::string& now :
+         {std::string("longer than it was"), std::string(100, 'l'), std::string("s"), std::string()}) {
+        const auto cursor = support::Stepped(TwoRowsOf("first", "second"));
+        ChangeByHand(*cursor, now);
+        const LogCapture log;
+        const Stored stored = Store(cursor);
+        EXPECT_THAT(log.Lines(), ElementsAre(testing::HasSubstr("was stored successfully")));
+        const Stored same = Store(support::Stepped(TwoRowsOf(now, "second")));
+        EXPECT_EQ(same.size, stored.size);
+        EXPECT_EQ(ObjectBytes(same.name), ObjectBytes(stored.name));
+        shm_unlink(same.name.c_str());
+        shm_unlink(stored.name.c_str());
+        EXPECT_THAT(SharedObjects(), IsEmpty());
+    }
+}
+
+TEST_F(StoreCursor, RowTakenOutByHandSinceItWasCached_IsNotCounted) {
+    const auto cursor = support::Stepped(TwoRowsOf("first", "second"));
+    auto& rows = cursor->GetCusorCache()->rows;
+    delete rows.front();
+    rows.pop_front();
+    const ShmFaults faults;
+    const Stored stored = Store(cursor);
+    EXPECT_EQ(4 + 8 + 6 + 8 + 7, stored.size);
+    EXPECT_EQ(1, faults.Calls("shm_open"));
+    shm_unlink(stored.name.c_str());
+}
+
+TEST_F(StoreCursor, RowMadeTooLargeByHandSinceItWasCached_IsNotWrittenPastTheObject) {
+    const auto cursor = support::Stepped(TwoRowsOf("first", "second"));
+    ChangeByHand(*cursor, std::string(8388608, 'l'));
+    Stored stored;
+    EXPECT_EQ(-14, CSharedQueryObject::StoreCursor(cursor, SharedKey(), stored.name, stored.size));
+    EXPECT_THAT(SharedObjects(), IsEmpty());
+}
+
+TEST_F(StoreCursor, CountedTooLargeAndMadeSmallerByHand_IsStored) {
+    const auto cursor = support::Stepped(TwoRowsOf(std::string(1048576, 'a'), std::string(1049600, 'b')));
+    CDbRow& row = *cursor->GetCusorCache()->rows.front();
+    row.columns.swap(row.evictedColumns);
+    ChangeByHand(*cursor, "small");
+    const Stored stored = Store(cursor);
+    EXPECT_EQ(4 + 8 + 6 + 8 + 6 + 8 + 1049601, stored.size);
+    shm_unlink(stored.name.c_str());
+}
+
+TEST_F(StoreCursor, RowChangedByHandAndTheFirstObjectStaysMapped_FailsAndLeavesNoName) {
+    const auto cursor = support::Stepped(TwoRowsOf("first", "second"));
+    ChangeByHand(*cursor, "longer than it was");
+    Stored stored;
+    {
+        ShmFaults faults;
+        faults.Fail("munmap", EINVAL);
+        EXPECT_EQ(-14, CSharedQueryObject::StoreCursor(cursor, SharedKey(), stored.name, stored.size));
+    }
+    EXPECT_EQ("", stored.name);
+    EXPECT_EQ(0, stored.size);
+    EXPECT_THAT(SharedObjects(), IsEmpty());
 }
 
 // ---- Fetching -----------------------------------------------------------------------------------------
