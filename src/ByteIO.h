@@ -7,25 +7,35 @@
 
 namespace vantry {
 
+// Copies a value's bytes; those of a number without a call. For no bytes no address need be given.
+inline void CopyBytes(char* target, const char* source, std::size_t size) {
+    if (size == sizeof(std::int64_t)) {
+        std::memcpy(target, source, sizeof(std::int64_t));
+    } else if (size > 0) {
+        std::memcpy(target, source, size);
+    }
+}
+
 // Writes a result's fields one behind the other, unaligned, in the machine's byte order. The caller has
 // counted the bytes before.
 class ByteWriter {
 public:
     explicit ByteWriter(char* target) : m_next(target) {}
 
-    void PutInt(std::int32_t value) { PutBytes(&value, sizeof value); }
+    void PutInt(std::int32_t value) {
+        std::memcpy(m_next, &value, sizeof value);
+        m_next += sizeof value;
+    }
 
     void PutInts(std::int32_t first, std::int32_t second) {
         const std::int32_t values[] = {first, second};
-        PutBytes(values, sizeof values);
+        std::memcpy(m_next, values, sizeof values);
+        m_next += sizeof values;
     }
 
-    void PutBytes(const void* bytes, std::size_t size) {
-        // No address may be given for no bytes.
-        if (size > 0) {
-            std::memcpy(m_next, bytes, size);
-            m_next += size;
-        }
+    void PutBytes(const char* bytes, std::size_t size) {
+        CopyBytes(m_next, bytes, size);
+        m_next += size;
     }
 
     void PutZero() { *m_next++ = '\0'; }

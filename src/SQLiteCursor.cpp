@@ -720,7 +720,8 @@ int CSQLiteCursor::GetStringData(int column, std::string& value) {
 }
 
 int CSQLiteCursor::GetBlobData(int column, void* buffer, int size) {
-    const int checked = CheckColumn(m_pCache, column, VANTRY_HERE);
+    static const LogPlace HERE = VANTRY_HERE;
+    const int checked = CheckColumn(m_pCache, column, HERE);
     if (checked != vantry::RESULT_OK) {
         return checked;
     }
@@ -733,7 +734,7 @@ int CSQLiteCursor::GetBlobData(int column, void* buffer, int size) {
         return vantry::RESULT_INVALID;
     }
     const CDbColumn* entry = nullptr;
-    const int found = TakeEntry(*m_pCache, column, VANTRY_HERE, entry);
+    const int found = TakeEntry(*m_pCache, column, HERE, entry);
     if (found != vantry::RESULT_OK) {
         return found;
     }
@@ -755,8 +756,9 @@ int CSQLiteCursor::GetBlobData(int column, void* buffer, int size) {
 int CSQLiteCursor::GetColumnCount() { return m_columnCount; }
 
 int CSQLiteCursor::GetColumnType(int column) {
+    static const LogPlace HERE = VANTRY_HERE;
     const CDbColumn* entry = nullptr;
-    if (FindEntry(m_pCache, column, VANTRY_HERE, entry) != vantry::RESULT_OK) {
+    if (FindEntry(m_pCache, column, HERE, entry) != vantry::RESULT_OK) {
         return TYPE_UNDEFINED;
     }
     switch (entry->type) {

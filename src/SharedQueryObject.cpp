@@ -116,6 +116,7 @@ int ReadableBytes(const char* mapping, int mappedSize, int descriptor) {
 const CDbColumn NO_VALUE;
 
 using ColumnPool = vantry::SlabPool<sizeof(CDbColumn)>;
+using RowPool = vantry::SlabPool<sizeof(CDbRow)>;
 
 // ---- Reading ------------------------------------------------------------------------------------------
 
@@ -188,8 +189,25 @@ bool ReadNames(BlockReader& reader, std::int32_t count, std::list<std::string>& 
     return true;
 }
 
+// Where the objects of a result come from.
+struct Memory {
+    RowPool::Batch rows;
+    ColumnPool::Batch cells;
+
+    // Throws when memory runs out.
+    template <typename Object, typename Batch>
+    static Object* Make(Batch& batch) {
+        void* const memory = batch.Allocate();
+        if (memory == nullptr) {
+            throw std::bad_alloc();
+        }
+        // cppcheck-suppress legacyUninitvar ; the memory is placed, and the object in it has first contents
+        return ::new (memory) Object;
+    }
+};
+
 // A cell, or null when the block ends before it does. Throws when memory runs out.
-CDbColumn* ReadCell(BlockReader& reader, ColumnPool::Batch& cells) {
+CDbColumn* ReadCell(BlockReader& reader, Memory& memory) {
     std::int32_t type = 0;
     std::int32_t length = 0;
     if (!reader.TakeHead(type, length)) {
@@ -205,14 +223,9 @@ CDbColumn* ReadCell(BlockReader& reader, ColumnPool::Batch& cells) {
     // buffer here, where the cursor that was stored had none.
     const auto size = static_cast<std::size_t>(endsInZero ? length - 1 : length);
     std::unique_ptr<char[]> value(new char[std::max<std::size_t>(size + 1, 2)]);
-    std::memcpy(value.get(), bytes, size);
+    vantry::CopyBytes(value.get(), bytes, size);
     value[size] = '\0';
-    void* const memory = cells.Allocate();
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    // cppcheck-suppress legacyUninitvar ; the memory is placed, and the object in it has first contents
-    auto* const cell = ::new (memory) CDbColumn;
+    auto* const cell = Memory::Make<CDbColumn>(memory.cells);
     cell->type = type;
     cell->size = static_cast<int>(size);
     cell->value = value.release();
@@ -220,16 +233,15 @@ CDbColumn* ReadCell(BlockReader& reader, ColumnPool::Batch& cells) {
 }
 
 // A whole row, or null when the block ends before it does.
-std::unique_ptr<CDbRow> ReadRow(BlockReader& reader, std::int32_t columnCount) {
-    auto row = std::make_unique<CDbRow>();
+std::unique_ptr<CDbRow> ReadRow(BlockReader& reader, std::int32_t columnCount, Memory& memory) {
+    std::unique_ptr<CDbRow> row(Memory::Make<CDbRow>(memory.rows));
     // No more cells than the block has heads for: what the count promises beyond that cannot be read.
-    row->columns.resize(
+    row->columns = std::vector<CDbColumn*>(
         std::min(static_cast<std::size_t>(columnCount), reader.Remaining() / CELL_HEAD_BYTES));
-    ColumnPool::Batch cells;
     CDbColumn** next = row->columns.data();
     int size = 0;
     for (std::int32_t i = 0; i < columnCount; ++i) {
-        CDbColumn* const cell = ReadCell(reader, cells);
+        CDbColumn* const cell = ReadCell(reader, memory);
         if (cell == nullptr) {
             return nullptr;
         }
@@ -243,8 +255,9 @@ std::unique_ptr<CDbRow> ReadRow(BlockReader& reader, std::int32_t columnCount) {
 
 void ReadRows(BlockReader& reader, std::int32_t columnCount, std::int32_t rowCount,
               std::list<CDbRow*>& rows) {
+    Memory memory;
     for (std::int32_t i = 0; i < rowCount; ++i) {
-        auto row = ReadRow(reader, columnCount);
+        auto row = ReadRow(reader, columnCount, memory);
         if (!row) {
             return;
         }
