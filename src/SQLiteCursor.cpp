@@ -468,7 +468,7 @@ CDbColumn* CSQLiteCursor::AddColumnCache(int column) {
 // Copies the statement's current row into `row`; on failure the row stays empty.
 int CSQLiteCursor::FillRow(CDbRow& row, const LogPlace& place) {
     try {
-        row.columns.resize(static_cast<std::size_t>(m_columnCount));
+        row.columns = std::vector<CDbColumn*>(static_cast<std::size_t>(m_columnCount));
     } catch (const std::exception&) {
         VANTRY_LOG_AT(place, DLOG_INFO, vantry::NO_MEMORY_TEXT);
         return vantry::RESULT_NO_MEMORY;
