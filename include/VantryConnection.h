@@ -70,7 +70,7 @@ protected:
 ///
 /// Waiting: a call that meets a busy or locked database is made 30 times at most, each busy answer followed
 /// by 30 ms, so an operation may take 0.9 s longer in the calling thread for each SQLite call that it makes;
-/// then it gives up.
+/// then it gives up. The steps of IntegrityCheck() and CopyDBFile() do not wait.
 ///
 /// Threads: OpenOperation(), IsOpen(), CloseOperation() (so CloseDB() and the destructor too) and ExcuteSQL()
 /// (so SetForeignKeyConstraintsEnabled() too) take the connection's lock. No other operation does: callers
@@ -154,6 +154,8 @@ public:
 
     /// Runs SQL text; rows that it yields are dropped.
     ///
+    /// A failure is told by the result and the text, not by the log.
+    ///
     /// Threads: takes the lock for the whole call, waits included.
     ///
     /// @param sql    one or more statements, read up to the first zero byte.
@@ -203,12 +205,14 @@ public:
 
     /// Resets a statement, clears its bindings and finalises it.
     ///
-    /// Kept: a statement whose reset or clearing failed stays until the connection closes.
+    /// Kept: a statement whose reset or clearing failed stays until the connection closes. A last step that
+    /// ended busy or locked is forgiven: the reset repeats its answer once, and is called again. Judge by the
+    /// step.
     ///
     /// @param pStmt  a statement of this connection, which is gone after success.
     /// @param error  out: SQLite's last message, on success too.
     /// @return 0; -22 without a handle and for a null statement; else the raw SQLite code of a failed reset
-    ///         (the error of the statement's last step) or clearing.
+    ///         (the error of the statement's last step, other than busy and locked) or clearing.
     int FinalizeStatement(sqlite3_stmt* pStmt, std::string& error);
 
     /// Tells whether SQLite's integrity check answers "ok".
@@ -233,14 +237,15 @@ public:
     /// @name Transactions
     ///
     /// Failures are told by log lines only. A caller that must know asks sqlite3's own state through a
-    /// statement of its own, or runs the statement through ExcuteSQL(). None takes the lock.
+    /// statement of its own, or runs the statement through ExcuteSQL(). Transactions do not nest: a second
+    /// begin fails and is logged, and the next commit ends the first. None takes the lock.
     /// @{
 
     /// Begins a transaction.
     ///
     /// @param exclusive  true for an exclusive one, false for an immediate one.
     void BeginTransaction(bool exclusive);
-    /// Begins an exclusive transaction.
+    /// Begins an exclusive transaction, which outside of write-ahead mode keeps readers out too.
     void BeginTransaction();
     /// Commits.
     void CommitTransaction();
@@ -304,7 +309,7 @@ public:
     /// @param where       as for CreateSelectStatement().
     /// @param arguments   bound to the "?" of the where clause, as PrepareBindStatement() does.
     /// @param order       as for CreateSelectStatement().
-    /// @param extra       not used.
+    /// @param extra       not used, and cannot be left out.
     /// @param preload     as without arguments.
     /// @return the cursor, before its first row, which borrows the connection's handle; empty on failure.
     std::shared_ptr<ISQLiteCursor> SelectRequest(const std::string& table,
@@ -320,7 +325,7 @@ public:
     /// @param where       as for CreateSelectStatement().
     /// @param arguments   bound to the "?" of the where clause, as PrepareBindStatement() does.
     /// @param order       as for CreateSelectStatement().
-    /// @param extra       not used.
+    /// @param extra       not used, and cannot be left out.
     /// @return the cursor, before its first row; empty on failure.
     std::shared_ptr<ISQLiteCursor> SelectRequest(const std::string& table,
                                                  const std::vector<std::string>& projection,
@@ -507,6 +512,9 @@ public:
     bool DeleteDatabase(const std::string& path, const std::string& name);
 
     /// Copies a database file over another one, page by page, while others may use the source.
+    ///
+    /// The log does not tell why a copy failed. The source is opened for writing, so that SQLite can roll back
+    /// what a crash left in it.
     ///
     /// Kept: a target that cannot be opened leaves SQLite's handle of it behind.
     ///
