@@ -123,8 +123,8 @@ public:
     /// Kept: the database file is deleted before the copy begins; when the copy fails, it is gone.
     ///
     /// Kept: the answer is true when the file was copied and CheckDBCorruption() then answers true, which it
-    /// does, after a second, because the connection is closed. True says that the file was copied, not that
-    /// it is sound.
+    /// does, after a second, because the connection is closed; a thread that connects meanwhile makes it false.
+    /// True says that the file was copied, not that it is sound.
     ///
     /// @param stage  BACKUP_STAGE_FIRST: name + ".sqlite"; BACKUP_STAGE_SECOND (kept: and every negative
     ///               number): name + ".sqlite.bak"; a greater number is refused.
@@ -141,6 +141,8 @@ public:
     bool CheckDBCorruption();
 
     /// Opens the connection.
+    ///
+    /// Kept: one that is open loses its handle.
     ///
     /// @param restored  out: false.
     /// @return the result of CVantryConnection::OpenOperation(), 0 for success; -22 without a connection.

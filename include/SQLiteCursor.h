@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <new>
@@ -282,13 +283,16 @@ public:
     /// The rows in result order, owned. A row's position is its number.
     std::list<CDbRow*> rows;
 
-    /// The place in `rows` where the last move ended: the next move starts from there. Means nothing while
-    /// `placeIndex` is -1.
+    /// The place in `rows` where the last move ended: the next move starts from there.
     std::list<CDbRow*>::iterator place;
-    /// The number of that row; -1 while there is none.
+    /// The number of that row.
     int placeIndex = -1;
+    /// The length of `rows` then: in a list of another length the place means nothing.
+    std::size_t placeRows = 0;
     /// The newest row of which is known that it and all before it are evicted; `rows.end()` when none is.
     std::list<CDbRow*>::iterator lastEvicted;
+    /// The length of `rows` then: in a shorter list the row may be gone.
+    std::size_t evictedRows = 0;
 
     /// Bytes that the first `countedRows` rows take in a stored result: to store it then needs no look at every
     /// value before its size is known. Rows that are changed by hand are noticed when they are written.

@@ -41,6 +41,9 @@ struct PT_CONSUMER_SELECT_OUT_PARAM {
 /// The connection is opened for reading only, and stays open between queries. The hooks of CContentHelper do
 /// nothing here: the schema is its provider's.
 ///
+/// Kept: ConnectDB() and GetConnection(), which are inherited, open for writing and make the file when there
+/// is no connection. Call SelectQuery() only.
+///
 /// Threads: as CContentHelper; threads that share an object serialise their queries.
 class VANTRY_API CTilesDAO : public CContentHelper {
 public:

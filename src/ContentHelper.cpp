@@ -78,15 +78,21 @@ CVantryConnection* CContentHelper::ConnectDB(int openMode, const std::string& pa
     if (m_database == nullptr) {
         try {
             // Both or none: half a change would name another file.
-            std::string newPath = path.empty() ? m_dbPath : path;
-            std::string newName = name.empty() ? m_dbName : name;
-            m_dbPath.swap(newPath);
-            m_dbName.swap(newName);
+            std::string newPath = path;
+            std::string newName = name;
+            if (!path.empty()) {
+                m_dbPath.swap(newPath);
+            }
+            if (!name.empty()) {
+                m_dbName.swap(newName);
+            }
         } catch (const std::exception&) {
             VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
             return nullptr;
         }
-        m_dbVersion = version != 0 ? version : m_dbVersion;
+        if (version != 0) {
+            m_dbVersion = version;
+        }
         m_database = new (std::nothrow) CVantryConnection(m_dbPath, m_dbName, openMode);
         if (m_database == nullptr) {
             VANTRY_LOG(DLOG_INFO, "Failed to connect DB : memory is not enough!");

@@ -160,8 +160,10 @@ void CopyValue(CDbColumn& entry, sqlite3_stmt* statement, int column) {
 // The row at a position, or null: looked for from the nearest of the list's two ends and the place where the
 // last search ended, so that a step to a neighbour costs the same in a result of any length.
 CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
+    // Rows come, and somebody may have taken some out by hand: the place is that of a list of its length.
+    const bool known = cache.placeRows == cache.rows.size();
     // Nearly every search is for a neighbour of a place that is known.
-    if (index >= 0 && index + 1 == cache.placeIndex) {
+    if (known && index >= 0 && index + 1 == cache.placeIndex) {
         cache.placeIndex = index;
         return *--cache.place;
     }
@@ -169,7 +171,7 @@ CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
     if (index < 0 || index >= count) {
         return nullptr;
     }
-    if (cache.placeIndex >= 0 && index == cache.placeIndex + 1) {
+    if (known && index == cache.placeIndex + 1) {
         cache.placeIndex = index;
         return *++cache.place;
     }
@@ -178,13 +180,14 @@ CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
     std::ptrdiff_t distance = fromEnd ? index - count : index;
     const std::ptrdiff_t fromPlace = index - cache.placeIndex;
     // Never so from a place before the first row or behind the last: an end is as near as that.
-    if (std::abs(fromPlace) < std::abs(distance)) {
+    if (known && std::abs(fromPlace) < std::abs(distance)) {
         row = cache.place;
         distance = fromPlace;
     }
     std::advance(row, distance);
     cache.place = row;
     cache.placeIndex = index;
+    cache.placeRows = cache.rows.size();
     return *row;
 }
 
@@ -644,6 +647,10 @@ bool CSQLiteCursor::ForceGetCacheSize() {
         return false;
     }
     CSQLiteCursorCache& cache = *m_pCache;
+    if (cache.rows.size() < cache.evictedRows) {
+        cache.lastEvicted = cache.rows.end();
+    }
+    cache.evictedRows = cache.rows.size();
     auto next = cache.lastEvicted == cache.rows.end() ? cache.rows.begin() : std::next(cache.lastEvicted);
     for (; next != cache.rows.end() && IsCachesFull(); ++next) {
         CDbRow& row = **next;

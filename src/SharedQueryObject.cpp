@@ -73,8 +73,8 @@ void LogCreateError(const LogPlace& place, int error, int descriptor) {
     }
 }
 
-// Gives the object its size, with the pages behind it. On a full file system ftruncate() alone succeeds, and
-// the first write to the mapping would kill the process.
+// Gives the object its size, with the pages behind it. Where there is no room, or the process may not have more
+// memory, ftruncate() alone succeeds, and the first write to the mapping would kill the process.
 bool Reserve(int descriptor, int size) {
     if (ftruncate(descriptor, size) != 0) {
         return false;
@@ -83,7 +83,7 @@ bool Reserve(int descriptor, int size) {
     do {
         error = posix_fallocate(descriptor, 0, size);
     } while (error == EINTR);
-    return error != ENOSPC;
+    return error != ENOSPC && error != ENOMEM;
 }
 
 // Waits until no other consumer holds the object. Returns false when the one before removed it.
@@ -277,7 +277,7 @@ struct CSharedQueryObject::Source {
     int rowCount = 0;
 
     // Visits every value, those that eviction put aside included. One that is missing, or that memory did not
-    // suffice for, counts as null.
+    // suffice for, counts as null; so does one with a length that is none.
     template <typename Visitor>
     void ForEachCell(Visitor visit) const {
         const auto wanted = static_cast<std::size_t>(std::max(columnCount, 0));
@@ -286,7 +286,7 @@ struct CSharedQueryObject::Source {
             const std::size_t present = std::min(columns.size(), wanted);
             for (std::size_t i = 0; i < present; ++i) {
                 const CDbColumn* const cell = columns[i];
-                const bool hasValue = cell != nullptr && cell->value != nullptr;
+                const bool hasValue = cell != nullptr && cell->value != nullptr && cell->size >= 0;
                 visit(hasValue ? *cell : NO_VALUE);
             }
             for (std::size_t i = present; i < wanted; ++i) {
@@ -456,6 +456,7 @@ int CSharedQueryObject::ShmCreateObject(int size) {
     m_fdOpen = true;
     if (!Reserve(m_fd, size)) {
         VANTRY_LOG(DLOG_INFO, "fturncate error .");
+        CloseDescriptor();
         AbandonSegment();
         return vantry::RESULT_INVALID;
     }
@@ -463,6 +464,7 @@ int CSharedQueryObject::ShmCreateObject(int size) {
                                MAP_SHARED | MAP_LOCKED, m_fd, 0);
     if (mapping == MAP_FAILED) {
         VANTRY_LOG(DLOG_INFO, "Get ptr fail\n");
+        CloseDescriptor();
         AbandonSegment();
         return vantry::RESULT_INVALID;
     }

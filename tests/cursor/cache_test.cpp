@@ -810,6 +810,24 @@ TEST(EvictionCost, StartsBehindTheLastEvictedRow) {
     EXPECT_EQ(*cache.lastEvicted, RowAt(cache, 6));
 }
 
+TEST(EvictionCost, RowsTakenOutByHand_StartsAtTheFirst) {
+    OpenCursor cursor;
+    for (int number = 0; number < 10; ++number) {
+        AppendRow(cursor, MakeInteger(number));
+    }
+    auto& cache = *cursor.m_pCache;
+    cache.cacheSize = 2097152 + 9;
+    ASSERT_TRUE(cursor.ForceGetCacheSize());
+    ASSERT_EQ(*cache.lastEvicted, RowAt(cache, 1));
+    for (int i = 0; i < 3; ++i) {
+        delete cache.rows.front();
+        cache.rows.pop_front();
+    }
+    cache.cacheSize = 2097152 + 9;
+    EXPECT_TRUE(cursor.ForceGetCacheSize());
+    EXPECT_THAT(CachedRows(cache), ElementsAre(false, false, true, true, true, true, true));
+}
+
 TEST(EvictionCost, HundredThousandRows_LastEvictedFollowsRowByRow) {
     constexpr int ROWS = 100000;
     // 3 bytes of names and 48 of every row: this many rows fit.

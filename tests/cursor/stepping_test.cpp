@@ -405,6 +405,19 @@ TEST(MoveNextStep, PositionFarBeforeTheRows_IsLoggedAndReturns0) {
     }
 }
 
+TEST(MoveNextStep, PositionFarBeforeTheRowsAndAKnownPlace_IsLoggedAndReturns0) {
+    Result result(Numbers(3));
+    MoveNext(*result, 3);
+    ASSERT_EQ(result->MoveFirstStep(), 0);
+    ASSERT_EQ(result.Cache().placeRows, 3U);
+    ASSERT_EQ(result.Cache().placeIndex, 0);
+    result->m_currentRowIndex = -2;
+    const LogCapture log;
+    EXPECT_EQ(result->MoveNextStep(), 0);
+    EXPECT_EQ(result->GetCurrentRowIndex(), -2);
+    EXPECT_THAT(log.Lines(), ElementsAre("I MoveNextStep > Can't find the next item "));
+}
+
 TEST(MoveNextStep, RowThatIsNotInTheList_IsLoggedAndReturns0) {
     BoastfulCursor cursor;
     AppendRow(cursor, MakeInteger(4));
@@ -532,6 +545,34 @@ TEST(MovePreviousStep, ListEndsBeforeTheRow_Returns0) {
     EXPECT_EQ(result->GetCurrentRowIndex(), 3);
     EXPECT_EQ(Integer(*result), 1);
     EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST(MovePreviousStep, RowsTakenOutByHandBehindAKnownPlace_Returns0) {
+    Result result(Numbers(5));
+    MoveNext(*result, 5);
+    ASSERT_EQ(result->MovePreviousStep(), 0);
+    auto& rows = result.Cache().rows;
+    while (!rows.empty()) {
+        delete rows.back();
+        rows.pop_back();
+    }
+    result.Cache().currentRow = nullptr;
+    EXPECT_EQ(result->MovePreviousStep(), 0);
+    EXPECT_EQ(result->GetCurrentRowIndex(), 3);
+    EXPECT_EQ(result.Cache().currentRow, nullptr);
+}
+
+TEST(MovePreviousStep, RowTakenOutByHandBeforeAKnownPlace_FindsTheRowByItsNumber) {
+    Result result(Numbers(5));
+    MoveNext(*result, 5);
+    ASSERT_EQ(result->MovePreviousStep(), 0);
+    auto& rows = result.Cache().rows;
+    delete rows.front();
+    rows.pop_front();
+    EXPECT_EQ(result->MovePreviousStep(), 0);
+    EXPECT_EQ(Integer(*result), 3);
+    EXPECT_EQ(result->MoveNextStep(), 0);
+    EXPECT_EQ(Integer(*result), 4);
 }
 
 TEST(MovePreviousStep, CachedRow_BecomesCurrentWithoutAStep) {
@@ -959,6 +1000,7 @@ TEST(MoveCost, NextAndPreviousStartAtThePlaceOfTheLastMove) {
     result->m_currentRowIndex = 500;
     cache.place = std::next(cache.rows.begin(), 10);
     cache.placeIndex = 500;
+    cache.placeRows = cache.rows.size();
     EXPECT_EQ(result->MoveNextStep(), 0);
     EXPECT_EQ(Integer(*result), 11);
     EXPECT_EQ(cache.placeIndex, 501);
@@ -967,6 +1009,7 @@ TEST(MoveCost, NextAndPreviousStartAtThePlaceOfTheLastMove) {
     result->m_currentRowIndex = 500;
     cache.place = std::next(cache.rows.begin(), 10);
     cache.placeIndex = 500;
+    cache.placeRows = cache.rows.size();
     EXPECT_EQ(result->MovePreviousStep(), 0);
     EXPECT_EQ(Integer(*result), 9);
     EXPECT_EQ(cache.placeIndex, 499);
@@ -980,6 +1023,7 @@ TEST(MoveCost, PlaceNearerThanTheEnds_IsWhereTheSearchStarts) {
     const auto found = [&](int from, int (CSQLiteCursor::*move)()) {
         cache.place = std::next(cache.rows.begin(), 450);
         cache.placeIndex = 500;
+        cache.placeRows = cache.rows.size();
         result->m_currentRowIndex = from;
         EXPECT_EQ(((*result).*move)(), 0);
         return Integer(*result);
@@ -1003,11 +1047,13 @@ TEST(MoveCost, FarPlace_IsNotUsedNearTheEnds) {
 
     cache.place = std::next(cache.rows.begin(), 10);
     cache.placeIndex = 500;
+    cache.placeRows = cache.rows.size();
     EXPECT_EQ(result->MovePreviousStep(), 0);
     EXPECT_EQ(Integer(*result), 998);
 
     cache.place = std::next(cache.rows.begin(), 10);
     cache.placeIndex = 500;
+    cache.placeRows = cache.rows.size();
     EXPECT_EQ(result->MoveFirstStep(), 0);
     EXPECT_EQ(Integer(*result), 0);
     EXPECT_EQ(cache.placeIndex, 0);

@@ -443,6 +443,17 @@ TEST_F(StoreCursor, RowMadeTooLargeByHandSinceItWasCached_IsNotWrittenPastTheObj
     EXPECT_THAT(SharedObjects(), IsEmpty());
 }
 
+TEST_F(StoreCursor, LengthBelow0ByHandSinceItWasCached_IsANull) {
+    for (const int length : {-1, -9, INT_MIN}) {
+        const auto cursor = support::Stepped("SELECT 'first' AS v, x'0102' AS b");
+        cursor->GetCusorCache()->rows.front()->columns.front()->size = length;
+        const Stored stored = Store(cursor);
+        EXPECT_EQ(Int(2) + Int(1) + Name("v") + Name("b") + Cell(5, "") + Cell(4, std::string("\1\2\0", 3)),
+                  ObjectBytes(stored.name).substr(4));
+        shm_unlink(stored.name.c_str());
+    }
+}
+
 TEST_F(StoreCursor, CountedTooLargeAndMadeSmallerByHand_IsStored) {
     const auto cursor = support::Stepped(TwoRowsOf(std::string(1048576, 'a'), std::string(1049600, 'b')));
     CDbRow& row = *cursor->GetCusorCache()->rows.front();

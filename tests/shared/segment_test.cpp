@@ -313,6 +313,7 @@ TEST_F(ShmCreateObject, NoSizeNoSpaceOrNoMapping_LogsAndLeavesNothing) {
         {"ftruncate", EINVAL, "I ShmCreateObject > fturncate error ."},
         {"ftruncate", EFBIG, "I ShmCreateObject > fturncate error ."},
         {"posix_fallocate", ENOSPC, "I ShmCreateObject > fturncate error ."},
+        {"posix_fallocate", ENOMEM, "I ShmCreateObject > fturncate error ."},
         {"mmap", EAGAIN, "I ShmCreateObject > Get ptr fail\n"},
         {"mmap", ENOMEM, "I ShmCreateObject > Get ptr fail\n"},
         {"mmap", EPERM, "I ShmCreateObject > Get ptr fail\n"},
@@ -329,6 +330,9 @@ TEST_F(ShmCreateObject, NoSizeNoSpaceOrNoMapping_LogsAndLeavesNothing) {
         EXPECT_EQ(-22, object.ShmCreateObject(55));
         EXPECT_THAT(log.Lines(), ElementsAre(row.line));
         ExpectGivenUp(object, name, faults, number);
+        const auto calls = faults.Order();
+        EXPECT_THAT(std::vector<std::string>(calls.end() - 2, calls.end()),
+                    ElementsAre("close(fd)", "shm_unlink(" + name + ")"));
     }
 }
 
