@@ -114,8 +114,10 @@ public:
     /// Kept: whatever the file holds is copied, damage included, over the only backup. Check it before and
     /// after.
     ///
-    /// @return true when the copy succeeded; false without a connection, for a file that cannot be opened or
-    ///         is no database, and for a locked one, which is not waited for.
+    /// Cursors with a live statement must be gone before.
+    ///
+    /// @return true when the copy succeeded; false without a connection, and for every failure of
+    ///         CVantryConnection::CopyDBFile(). A lock is not waited for.
     bool BackupDB();
 
     /// Replaces the database file by a backup file. The connection is closed for it, and stays closed.
@@ -132,7 +134,8 @@ public:
     ///         that does not exist.
     bool RestoreDB(eBackupStage stage);
 
-    /// Asks the database for its integrity, ten times at most, 100 ms apart.
+    /// Asks the database for its integrity, ten times at most, 100 ms apart. A question that meets a lock waits
+    /// up to 0.9 s more.
     ///
     /// Kept: a database that is closed, or merely busy, counts as corrupted; so does a helper without a
     /// connection.
@@ -152,7 +155,7 @@ public:
     /// @return 0.
     int TryBackupFile();
 
-    /// Tells whether the accelerators table has a row with an id above 0 in first place.
+    /// Tells whether the first row of the accelerators table has a `_id` above 0.
     ///
     /// Kept: only that table is looked at; every other one counts as valid.
     ///

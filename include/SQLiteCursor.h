@@ -53,13 +53,16 @@ public:
     /// rows a second time.
     ///
     /// Kept: a row that was evicted from the cache (see CSQLiteCursorCache) is not filled again: the call
-    /// returns 100, or -14 without a statement, and the cursor stays where it was. A preloaded result above
-    /// CSQLiteCursor::MAX_DB_CACHE_SIZE bytes therefore fails at its first move.
+    /// returns 100, or -14 without a statement, and the cursor stays where it was. A live statement has been
+    /// started over by it: a later move beyond the cached rows repeats the result from its second row on. Make
+    /// a new request instead. A preloaded result above CSQLiteCursor::MAX_DB_CACHE_SIZE bytes therefore fails
+    /// at its first move.
     ///
     /// @retval 0    the cursor stands on the row.
     /// @retval -34  the result is at its end; the cursor stays on the last row.
-    /// @retval -22  the same, of a cursor whose statement is finalised (a preloaded or a fetched one).
-    /// @retval -14  the cursor never had a statement, or has no database handle.
+    /// @retval -22  no more rows are cached, and the statement is finalised (a preloaded or a fetched cursor).
+    ///              Kept: after a preload that met an error there may have been more.
+    /// @retval -14  the cursor has neither a statement nor a cache, or has no database handle.
     /// @retval -12  memory ran out. The row is not there; the next call goes on with the one after it.
     /// @retval other  above 0, a raw SQLite code: the step failed; 5 or 6 when the database stayed busy or
     ///                locked.
@@ -90,6 +93,11 @@ public:
     ///
     /// Kept: as the very first move it steps once past the end, which starts the statement over: the cursor
     /// then stands on a second copy of the first row.
+    ///
+    /// Kept: from a row before the last one that was seen (after MovePreviousStep(), MoveFirstStep() or
+    /// ResetStep()) it numbers the new rows from where the cursor stands: GetCurrentRowIndex() is then too
+    /// small, and the result, stored for another process, arrives with fewer rows. Where the end had been seen
+    /// before, the statement starts over and all rows are appended a second time.
     ///
     /// @return 0, or the failure of a move on the way, by the codes of MoveNextStep().
     virtual int MoveLastStep() = 0;
@@ -372,7 +380,7 @@ public:
     /// Kept: a step that answers 0 is logged and returned as 0, without a row.
     ///
     /// @param recordNames  true for the first row: records the columns' names.
-    /// @return as MoveNextStep(); -14 also without a cache.
+    /// @return as MoveNextStep(), but -14 without a statement, finalised or not, and without a cache.
     int AddRowCache(bool recordNames);
 
     /// Fills an evicted row again, by replaying the statement from its start.

@@ -42,7 +42,8 @@ public:
     ///
     /// @param pCursor  the result; read, not moved.
     /// @param key      part of the object's name, between "/.vantry_" and the request id; without "/". Two
-    ///                 processes that use one key can meet at one name: each provider uses a key of its own.
+    ///                 processes that use one key can meet at one name: each provider uses a key of its own,
+    ///                 which ends in a character that is no digit, since the id follows at once.
     /// @param name     out: the object's name, such as "/.vantry_tiles7"; empty after -14.
     /// @param size     out: the object's size in bytes, 2098175 at most; 0 after -14.
     /// @retval 0    stored; name and size are to be told to the consumer.
@@ -59,13 +60,14 @@ public:
     ///
     /// Threads: waits while another consumer is fetching the same object.
     ///
-    /// Kept: a size outside 1 to 2098175 destroys the object.
+    /// Kept: a size outside 1 to 2098175 destroys the object, and a fetch that fails removes its name.
     ///
     /// @param name  the object's name, as StoreCursor() told it.
     /// @param size  its size in bytes, as StoreCursor() told it.
     /// @return the cursor, before its first row, with all rows cached and no statement; null when there is no
-    ///         such object (one of several consumers that ask at once receives it), when its first bytes are
-    ///         no result, and when memory runs out.
+    ///         such object (one of several consumers that ask at once receives it) or the name is empty, when
+    ///         this user may not read and write it or the system refuses, when its first bytes are no result,
+    ///         and when memory runs out.
     static std::shared_ptr<ISQLiteCursor> GetCursor(const std::string& name, const int& size);
 
     /// Tells the last request id issued in this process.
@@ -108,15 +110,18 @@ public:
 
     /// Opens the object `m_name`, waits for other consumers, and maps it for reading.
     ///
+    /// Another object of this process that has the same segment open counts as one of them, in the same thread
+    /// too: the wait then has no end. The lock goes with ShmRemoveObject() and with this object.
+    ///
     /// Kept: a failure removes the name, too, unless the name is empty or another consumer was first.
     ///
     /// @param size  1 to 2098175 bytes.
-    /// @return the mapping of `size` bytes, to be unmapped by ShmRemoveObject() or DetachData(), or the one
+    /// @return the mapping of `size` bytes, to be unmapped by ShmRemoveObject(), or the one
     ///         that is there already; null when there is no such object, for another size or an empty name,
     ///         and when the system refuses.
     char* ShmGetObject(int size);
 
-    /// Unmaps, closes and removes the object.
+    /// Unmaps, closes and removes the object. Kept: `m_pData` keeps the address that was unmapped.
     ///
     /// @param size  the mapping's size in bytes.
     /// @retval 0    done.
@@ -124,7 +129,8 @@ public:
     /// @retval -1   there is no descriptor, or unmapping fails.
     int ShmRemoveObject(int size);
 
-    /// Unmaps `m_size` bytes; the object stays for the other process.
+    /// Unmaps `m_size` bytes, which the caller has set; there must be a mapping. The object stays for the other
+    /// process.
     ///
     /// @return 0, or -1 when that fails.
     int DetachData();
@@ -158,9 +164,10 @@ protected:
     int m_size = 0;
     /// Bytes in `m_buffer`.
     int m_dataSize = 0;
-    /// The mapping, or null.
+    /// The mapping, or null. Kept: stale after ShmRemoveObject().
     char* m_pData = nullptr;
-    /// The descriptor; 0 at first, -1 after removal. Kept: shows its number after it was closed.
+    /// The descriptor; 0 at first, -1 after removal. Kept: shows its number after it was closed. One that a
+    /// derived class puts here is not closed by this one.
     int m_fd = 0;
     /// The serialised bytes.
     std::vector<char> m_buffer;

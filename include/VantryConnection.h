@@ -173,7 +173,8 @@ public:
     /// Prepares one statement.
     ///
     /// @param sql     the statement, read up to the first zero byte.
-    /// @param ppStmt  out: the statement, owned by the caller; null after a failure.
+    /// @param ppStmt  out: the statement, owned by the caller; null after a failed preparation, left alone
+    ///                after -22 without a handle.
     /// @param ppTail  out: where the text after the statement begins, within `sql`; may be null.
     /// @param error   out: SQLite's message of a failure.
     /// @return 0; -22 without a handle and for a null ppStmt; else the mapped code.
@@ -236,8 +237,8 @@ public:
     /// @}
     /// @name Transactions
     ///
-    /// Failures are told by log lines only. A caller that must know asks sqlite3's own state through a
-    /// statement of its own, or runs the statement through ExcuteSQL(). Transactions do not nest: a second
+    /// Failures are told by log lines only. A caller that must know uses CTransactionScope (VantryExtras.h), or
+    /// runs the statement through ExcuteSQL(). Transactions do not nest: a second
     /// begin fails and is logged, and the next commit ends the first. None takes the lock.
     /// @{
 
@@ -511,7 +512,9 @@ public:
     /// @return true when all four were there and are gone.
     bool DeleteDatabase(const std::string& path, const std::string& name);
 
-    /// Copies a database file over another one, page by page, while others may use the source.
+    /// Copies a database over another one, in one pass. Others may read the source meanwhile; they may write
+    /// to it only in write-ahead mode. Cursors with a live statement must be gone before a connection is closed
+    /// for it.
     ///
     /// The log does not tell why a copy failed. The source is opened for writing, so that SQLite can roll back
     /// what a crash left in it.
@@ -523,7 +526,8 @@ public:
     /// @param closeFirst  closes this connection before, to be opened again by the caller: for a copy of, or
     ///                    over, its own file.
     /// @return true when the copy is complete; false for an empty path, a file that cannot be opened or is no
-    ///         database, and a locked source or target.
+    ///         database, one file given twice, a locked source or target, a full disk, and a failure of input,
+    ///         output or memory.
     bool CopyDBFile(std::string source, std::string target, bool closeFirst);
 
     /// @}

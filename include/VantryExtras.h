@@ -463,11 +463,12 @@ public:
 
     /// Tells the code that ended the rows, and 0 before that.
     ///
+    /// Kept: after -22 it cannot be told whether a preload had met an error; where it matters, ask for a live
+    /// statement. A preloaded result above CSQLiteCursor::MAX_DB_CACHE_SIZE bytes fails at its first move.
+    ///
     /// @return -34 at the end of a live statement: these were all the rows; -22 at the end of a cursor
-    ///         without a statement: these were all that it holds. Kept: whether a preload had met an error
-    ///         cannot be told any more; where it matters, ask for a live statement; -14 without a cursor;
-    ///         else the failure of MoveNextStep(): there may be more rows. A preloaded result above
-    ///         CSQLiteCursor::MAX_DB_CACHE_SIZE bytes fails so at its first move.
+    ///         without a statement: these were all that it holds; -14 without a cursor; else the failure of
+    ///         MoveNextStep(): there may be more rows.
     int Result() const { return m_result; }
 
     /// Tells whether the cursor has no more rows.

@@ -46,7 +46,8 @@ Examples:
   vantryctl restore px_tiles.db
   vantryctl restore px_tiles.db --stage second --force
 
-Exit codes: 0 restored and sound (with --dry-run: would be restored), 1 not restored, 2 wrong use.)text";
+Exit codes: 0 restored and sound (with --dry-run: would be restored), 1 not restored, or restored from a
+side file that is not sound, 2 wrong use.)text";
 
 // The library's operations on any file.
 class CFileHelper : public CContentHelper {

@@ -14,8 +14,8 @@
 namespace {
 
 constexpr const char* EXAMPLES =
-    R"text(Prints one word, "sound", "corrupted" or "busy", and what SQLite found, ten lines at most. A busy database
-is asked for about a second. Nothing is changed, not even a database whose last write was interrupted.
+    R"text(Prints whether it is "sound", "corrupted", "busy" or "unreadable", and what SQLite found, ten lines at most. A busy
+database is asked for about a second. Nothing is changed, not even a database whose last write was interrupted.
 
 Examples:
   vantryctl check px_tiles.db
