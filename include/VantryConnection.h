@@ -156,6 +156,9 @@ public:
     ///
     /// A failure is told by the result and the text, not by the log.
     ///
+    /// Kept: each retry runs the text from its first statement, so that statements before the busy one are made
+    /// again.
+    ///
     /// Threads: takes the lock for the whole call, waits included.
     ///
     /// @param sql    one or more statements, read up to the first zero byte.
@@ -380,9 +383,9 @@ public:
     /// @param table     the table's name.
     /// @param pBundle   the columns and their values.
     /// @param conflict  the conflict clause's number.
-    /// @return 0; -22 for a null bundle or one without a column; -16 when its step stayed busy; else the
-    ///         mapped code. 0xC0000000 stands, among others, for a violated constraint, for no handle, and
-    ///         for a statement that could not be prepared.
+    /// @return 0; -22 for a null bundle or one without a column; -16 when its step stayed busy or the
+    ///         commit behind its row was; else the mapped code. 0xC0000000 stands, among others, for a violated
+    ///         constraint, for no handle, and for a statement that could not be prepared.
     int InsertWithOnConflict(const std::string& table, _bundle_t* pBundle, int conflict);
 
     /// InsertWithOnConflict() without a conflict clause.
@@ -445,7 +448,7 @@ public:
     /// @param conflict   the conflict clause's number.
     /// @return 0, also when no row meets the condition; -22 for a null bundle, one without a column, no
     ///         handle, or a statement that could not be prepared; else the raw SQLite code, 5 or 6 when its
-    ///         step stayed busy.
+    ///         step stayed busy or the commit behind its row was.
     int UpdateWithOnConflict(const std::string& table, _bundle_t* pBundle, const std::string& where,
                              std::vector<std::string> arguments, int conflict);
 
@@ -492,7 +495,8 @@ public:
     /// @param where      condition, with "?" where arguments belong; empty for every row.
     /// @param arguments  the arguments of the condition.
     /// @return 0, also when no row meets the condition; -22 without a handle and for a statement that could
-    ///         not be prepared; else the raw SQLite code, 5 or 6 when its step stayed busy.
+    ///         not be prepared; else the raw SQLite code, 5 or 6 when its step stayed busy or the
+    ///         commit behind its row was.
     int DeleteRequest(const std::string& table, const std::string& where,
                       const std::vector<std::string>& arguments);
 

@@ -362,12 +362,12 @@ Statement BuildUpdate(const std::string& table, _bundle_t* bundle, const std::st
     return statement;
 }
 
-// How a write ended, in raw SQLite codes.
+// How a write ended, in raw SQLite codes: its last step, or the commit behind a row, and its finalisation.
 struct WriteOutcome {
     int stepped;
     int finalised;
 
-    // A second reset forgives a step that stayed busy; the write was not made all the same.
+    // A second reset forgives a step or a commit that met a lock; the write was not made all the same.
     int Result() const { return finalised == SQLITE_OK && vantry::IsBusy(stepped) ? stepped : finalised; }
 };
 
@@ -384,7 +384,9 @@ WriteOutcome RunWrite(CVantryConnection& connection, sqlite3* db, const std::str
     if (finalised != SQLITE_OK) {
         VANTRY_LOGF_AT(place, DLOG_INFO, STEP_ERROR_FORMAT, place.function, finalised, error.c_str());
     }
-    return {stepped, finalised};
+    // A row comes before the commit. That is the first reset's, and the refusal of one that is forgiven stays with
+    // the connection.
+    return {stepped == SQLITE_ROW ? sqlite3_errcode(db) : stepped, finalised};
 }
 
 void RunTransactionStatement(CVantryConnection& connection, sqlite3* db, const char* sql,

@@ -74,6 +74,12 @@ protected:
     void Lock() { m_raw.Exec("BEGIN EXCLUSIVE"); }
     void Unlock() { m_raw.Exec("COMMIT"); }
 
+    // Lets the other connection read until Unlock(): this one may write, and not commit.
+    void Read() {
+        m_raw.Exec("BEGIN");
+        EXPECT_EQ(m_raw.Query("SELECT count(*) FROM t"), Texts{"3"});
+    }
+
     Texts Rows() { return m_raw.Query("SELECT a, b FROM t ORDER BY rowid"); }
 
     bool HasStatement() const { return sqlite3_next_stmt(m_connection.m_pDB, nullptr) != nullptr; }

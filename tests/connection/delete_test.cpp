@@ -284,6 +284,23 @@ TEST_F(DeleteRequestWithArguments, StepYieldsARow_IsLoggedAsAnErrorAndReturnsThe
     EXPECT_THAT(Rows(), ElementsAre("2|two", "3|three"));
 }
 
+TEST_F(DeleteRequestWithArguments, StepYieldsARowAndTheCommitIsRefused_RawCode) {
+    Read();
+    const LogCapture log;
+    const Sleeps sleeps;
+    EXPECT_EQ(m_connection.DeleteRequest("t", "a=? RETURNING b", {"1"}), 5);
+    EXPECT_THAT(
+        log.Lines('I'),
+        ElementsAre("I DeleteRequest > DeleteRequest : sqlite3_step returned Error 100, - ",
+                    "I FinalizeStatement > [sqlite3_reset] SQLITE3 busy or locked - Retrying : 1 attempts;",
+                    "I FinalizeStatement > Executing single query succeeded after: 1 attempts;"));
+    EXPECT_FALSE(HasStatement());
+    Unlock();
+    EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three"));
+    EXPECT_EQ(m_connection.DeleteRequest("t", "a=? RETURNING b", {"1"}), 0);
+    EXPECT_THAT(Rows(), ElementsAre("2|two", "3|three"));
+}
+
 TEST_F(DeleteRequestWithArguments, ReadOnlyConnection_RawCode) {
     OpenConnection reader(m_dir.Path(), "test.db", 1);
     ASSERT_EQ(reader.OpenOperation(), 0);

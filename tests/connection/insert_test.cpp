@@ -744,6 +744,18 @@ TEST_F(InsertWithOnConflict, LockedThirtyTimes_IsBusyThoughTheFinaliseSucceeds) 
     EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three"));
 }
 
+TEST_F(InsertWithOnConflict, StepYieldsARowAndTheCommitIsRefused_IsBusy) {
+    std::string error;
+    ASSERT_EQ(m_connection.ExcuteSQLInner("PRAGMA count_changes=1", error), 0);
+    Read();
+    const Sleeps sleeps;
+    EXPECT_EQ(m_connection.InsertWithOnConflict("t", Bundle{{"a", "7"}}, 0), -16);
+    Unlock();
+    EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three"));
+    EXPECT_EQ(m_connection.InsertWithOnConflict("t", Bundle{{"a", "7"}}, 0), 0);
+    EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three", "7|NULL"));
+}
+
 TEST_F(InsertWithOnConflict, StepAndResetStayBusy_LinesOfBoth) {
     const LogCapture log;
     const Sleeps sleeps;

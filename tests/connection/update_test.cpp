@@ -520,6 +520,16 @@ TEST_F(UpdateWithArguments, LockedThirtyTimes_SixThoughTheFinaliseSucceeds) {
     EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three"));
 }
 
+TEST_F(UpdateWithArguments, StepYieldsARowAndTheCommitIsRefused_RawCode) {
+    Read();
+    const Sleeps sleeps;
+    EXPECT_EQ(m_connection.UpdateWithOnConflict("t", Bundle{{"b", "x"}}, "a=? RETURNING b", {"1"}, 0), 5);
+    Unlock();
+    EXPECT_THAT(Rows(), ElementsAre("1|one", "2|two", "3|three"));
+    EXPECT_EQ(m_connection.UpdateWithOnConflict("t", Bundle{{"b", "x"}}, "a=? RETURNING b", {"1"}, 0), 0);
+    EXPECT_THAT(Rows(), ElementsAre("1|x", "2|two", "3|three"));
+}
+
 TEST_F(UpdateWithArguments, LockReleased_RowIsWrittenWithoutASuccessLine) {
     ReadSchema();
     Lock();
