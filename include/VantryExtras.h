@@ -692,18 +692,20 @@ public:
     /// @param exclusive   true to keep readers out as well; false to keep out writers only.
     explicit CTransactionScope(CVantryConnection& connection, bool exclusive = false)
         : m_pConnection(&connection) {
-        m_result = Run(exclusive ? "BEGIN EXCLUSIVE" : "BEGIN IMMEDIATE");
-        m_active = m_result == vantry::extras::CODE_OK;
+        Begin(exclusive ? "BEGIN EXCLUSIVE" : "BEGIN IMMEDIATE");
     }
     CTransactionScope(const CTransactionScope&) = delete;
     CTransactionScope& operator=(const CTransactionScope&) = delete;
-    /// Rolls back what was not committed.
-    ~CTransactionScope() { Rollback(); }
+    /// Rolls back what was not committed; memory does not matter to it.
+    ~CTransactionScope() {
+        Rollback();
+        ReleaseSpare();
+    }
 
     /// Tells whether the transaction began.
     ///
-    /// @return 0; -22 for a connection without a handle, -16 when the database stayed busy, else the mapped
-    ///         code. After a CBulkInsert met the end of its transaction (see there), the code of that.
+    /// @return 0; -22 for a connection without a handle, -16 when the database stayed busy, -12 when memory ran
+    ///         out, else the mapped code. After a CBulkInsert met the end of its transaction (see there), the code of that.
     int Result() const { return m_result; }
 
     /// Commits.
@@ -718,39 +720,34 @@ public:
         }
         const int result = Run("COMMIT");
         m_active = result != vantry::extras::CODE_OK;
+        if (!m_active) {
+            ReleaseSpare();
+        }
         return result;
     }
 
     /// Rolls back now.
     ///
-    /// @return 0, or the mapped code, 0xC0000000 when SQLite had rolled it back by itself: it is over in any
-    ///         case. After it ended, as Commit().
+    /// @return 0, also when memory does not suffice for the statement and one that was kept for this rolled
+    ///         back; or the mapped code, 0xC0000000 when SQLite had rolled it back by itself: it is over in
+    ///         any case. After it ended, as Commit().
     int Rollback() {
         if (!m_active) {
             return Ended();
         }
         m_active = false;
-        return Run("ROLLBACK");
+        int result = Run("ROLLBACK");
+        if (result == vantry::extras::CODE_NO_MEMORY && HasSpare() && sqlite3_step(m_pSpare) == SQLITE_DONE) {
+            result = vantry::extras::CODE_OK;
+        }
+        ReleaseSpare();
+        return result;
     }
 
     /// Tells whether the transaction is open, asking SQLite itself.
     ///
-    /// @return true while it is; also when memory does not suffice to ask.
-    bool IsActive() const {
-        if (!m_active) {
-            return false;
-        }
-        sqlite3_stmt* pStmt = nullptr;
-        std::string error;
-        const int result = m_pConnection->PrepareCMD("SELECT 1", &pStmt, nullptr, error);
-        // Without a handle there is no transaction; with another failure nothing is known against it.
-        bool active = result != vantry::extras::CODE_INVALID;
-        if (pStmt != nullptr) {
-            active = sqlite3_get_autocommit(sqlite3_db_handle(pStmt)) == 0;
-            sqlite3_finalize(pStmt);
-        }
-        return active;
-    }
+    /// @return true while it is.
+    bool IsActive() const { return m_active && HasSpare() && sqlite3_get_autocommit(m_pDB) == 0; }
 
     /// Gives SQLite's message of the last begin, commit or rollback that failed.
     ///
@@ -763,7 +760,46 @@ private:
 
     CTransactionScope(CVantryConnection& connection, NotBegun /*tag*/) : m_pConnection(&connection) {}
 
-    // The words are short enough to be kept without an allocation: a rollback needs no memory.
+    // The handle, as classes derived from the connection see it.
+    struct Reach : CVantryConnection {
+        static sqlite3* Handle(CVantryConnection& connection) { return connection.*(&Reach::m_pDB); }
+    };
+
+    // Without memory SQLite prepares nothing, and steps what was prepared before: a scope that is left then would
+    // leave the transaction open, and all later writes in it.
+    void Begin(const char* sql) {
+        m_result = m_pConnection->PrepareCMD("ROLLBACK", &m_pSpare, nullptr, m_error);
+        if (m_result != vantry::extras::CODE_OK) {
+            return;
+        }
+        m_pDB = sqlite3_db_handle(m_pSpare);
+        m_result = Run(sql);
+        m_active = m_result == vantry::extras::CODE_OK;
+        if (!m_active) {
+            ReleaseSpare();
+        }
+    }
+
+    // False where the connection was closed meanwhile, which finalised the statement.
+    bool HasSpare() const {
+        if (m_pSpare == nullptr || Reach::Handle(*m_pConnection) != m_pDB) {
+            return false;
+        }
+        sqlite3_stmt* pStmt = sqlite3_next_stmt(m_pDB, nullptr);
+        while (pStmt != nullptr && pStmt != m_pSpare) {
+            pStmt = sqlite3_next_stmt(m_pDB, pStmt);
+        }
+        return pStmt != nullptr;
+    }
+
+    void ReleaseSpare() {
+        if (HasSpare()) {
+            sqlite3_finalize(m_pSpare);
+        }
+        m_pSpare = nullptr;
+    }
+
+    // The words are short enough to be kept without an allocation.
     int Run(const char* sql) { return m_pConnection->ExcuteSQL(sql, m_error); }
 
     int Ended() const {
@@ -777,6 +813,8 @@ private:
     }
 
     CVantryConnection* m_pConnection;
+    sqlite3* m_pDB = nullptr;
+    sqlite3_stmt* m_pSpare = nullptr;
     bool m_active = false;
     int m_result = vantry::extras::CODE_OK;
     std::string m_error;
@@ -821,8 +859,7 @@ public:
         if (m_result != vantry::extras::CODE_OK) {
             return;
         }
-        m_own.m_result = m_own.Run("BEGIN IMMEDIATE");
-        m_own.m_active = m_own.m_result == vantry::extras::CODE_OK;
+        m_own.Begin("BEGIN IMMEDIATE");
         Prepare(table, columns, conflict);
     }
 

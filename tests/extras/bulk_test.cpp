@@ -17,6 +17,7 @@ using support::RawDb;
 using support::Shortage;
 using support::Sleeps;
 using support::SqliteFaults;
+using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -89,14 +90,15 @@ TEST_F(BulkInsert, RowAfterTheCommit_IsRefused) {
     EXPECT_THAT(Titles(), IsEmpty());
 }
 
-TEST_F(BulkInsert, ManyRows_OnePreparationAndAStepARow) {
+TEST_F(BulkInsert, ManyRows_PreparedOnceAndAStepARow) {
     SqliteFaults faults;
     CBulkInsert films(m_connection, "films", m_columns);
     for (int i = 0; i < 1000; ++i) {
         ASSERT_EQ(films.Insert(std::to_string(i), i), 0);
     }
     EXPECT_EQ(films.Commit(), 0);
-    EXPECT_EQ(faults.Calls("sqlite3_prepare_v2"), 1);
+    // The insert, and the rollback that is kept ready.
+    EXPECT_EQ(faults.Calls("sqlite3_prepare_v2"), 2);
     EXPECT_EQ(faults.Calls("sqlite3_step"), 1000);
     EXPECT_THAT(Query("SELECT count(*), sum(year), sum(title) FROM films"),
                 ElementsAre("1000|499500|499500"));
@@ -470,6 +472,36 @@ TEST_F(BulkInsert, NoMemory_FailsWithoutARowOrALeak) {
         EXPECT_EQ(inserted, -12) << number;
     }
     FAIL() << "it never ran through";
+}
+
+TEST_F(BulkInsert, NoMemoryForSqlite_AllRowsOrNoneAndNothingIsLeftOpen) {
+    const Texts columns = {"title", "year"};
+    for (const Shortage kind : {Shortage::OneOfSqlite, Shortage::AllOfSqlite}) {
+        for (int number = 1;; ++number) {
+            SCOPED_TRACE(number);
+            int inserted = 0;
+            int committed = 0;
+            int failed = 0;
+            {
+                FailingNew shortage(kind, number);
+                CBulkInsert films(m_connection, "films", columns);
+                inserted = films.Insert("one", 1);
+                committed = inserted == 0 ? films.Commit() : inserted;
+                failed = shortage.Failed();
+            }
+            EXPECT_FALSE(InTransaction());
+            EXPECT_EQ(Outstanding(), 0);
+            EXPECT_THAT(committed, AnyOf(0, -12));
+            const Texts expected = committed == 0 ? Texts{"one"} : Texts{};
+            EXPECT_EQ(Titles(), expected);
+            ASSERT_EQ(Run("DELETE FROM films"), 0);
+            if (failed == 0) {
+                EXPECT_EQ(committed, 0);
+                EXPECT_GT(number, 10);
+                break;
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -10,6 +10,7 @@ using support::OpenConnection;
 using support::Shortage;
 using support::Sleeps;
 using support::SqliteFaults;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -230,18 +231,72 @@ TEST_F(TransactionScope, NoMemory_StillBeginsAndRollsBack) {
     EXPECT_FALSE(InTransaction());
 }
 
-TEST_F(TransactionScope, IsActiveWithoutMemoryForSqlite_BelievesWhatItKnows) {
-    const CTransactionScope transaction(m_connection);
-    FailingNew shortage(Shortage::AllOfSqlite, 1);
-    const bool active = transaction.IsActive();
-    shortage.Stop();
-    EXPECT_GT(shortage.Failed(), 0);
-    EXPECT_TRUE(active);
+TEST_F(TransactionScope, NoMemoryForSqlite_IsOverWhenItIsLeft) {
+    for (const Shortage kind : {Shortage::OneOfSqlite, Shortage::AllOfSqlite}) {
+        for (int number = 1;; ++number) {
+            SCOPED_TRACE(number);
+            int failed = 0;
+            {
+                FailingNew shortage(kind, number);
+                const CTransactionScope transaction(m_connection);
+                EXPECT_THAT(transaction.Result(), AnyOf(0, -12));
+                const bool begun = transaction.Result() == 0;
+                EXPECT_EQ(transaction.IsActive(), begun);
+                failed = shortage.Failed();
+            }
+            EXPECT_FALSE(InTransaction());
+            EXPECT_EQ(Outstanding(), 0);
+            // What is written now is written for good.
+            const std::string title = std::to_string(number);
+            Insert(title.c_str());
+            EXPECT_THAT(Titles(), ElementsAre(title));
+            ASSERT_EQ(Run("DELETE FROM films"), 0);
+            if (failed == 0) {
+                EXPECT_GT(number, 3);
+                break;
+            }
+        }
+    }
 }
 
-TEST_F(TransactionScope, IsActive_LeavesNoStatement) {
-    const CTransactionScope transaction(m_connection);
-    EXPECT_TRUE(transaction.IsActive());
+TEST_F(TransactionScope, NoMemoryForSqliteOnceItHasBegun_RollsBack) {
+    CTransactionScope transaction(m_connection);
+    Insert("one");
+    FailingNew shortage(Shortage::AllOfSqlite, 1);
+    const int refused = transaction.Commit();
+    const bool active = transaction.IsActive();
+    const int rolledBack = transaction.Rollback();
+    shortage.Stop();
+    EXPECT_GT(shortage.Failed(), 0);
+    EXPECT_EQ(refused, -12);
+    EXPECT_TRUE(active);
+    EXPECT_EQ(rolledBack, 0);
+    EXPECT_FALSE(InTransaction());
+    EXPECT_EQ(Outstanding(), 0);
+    EXPECT_THAT(Titles(), IsEmpty());
+}
+
+TEST_F(TransactionScope, ConnectionOpenedAnew_IsNotActive) {
+    {
+        CTransactionScope transaction(m_connection);
+        m_connection.CloseDB();
+        ASSERT_EQ(m_connection.OpenOperation(), 0);
+        EXPECT_FALSE(transaction.IsActive());
+        EXPECT_EQ(transaction.Commit(), UNKNOWN_ERROR);
+    }
+    Insert("one");
+    EXPECT_THAT(Titles(), ElementsAre("one"));
+}
+
+TEST_F(TransactionScope, Ended_LeavesNoStatement) {
+    CTransactionScope committed(m_connection);
+    EXPECT_EQ(committed.Commit(), 0);
+    EXPECT_EQ(Outstanding(), 0);
+    CTransactionScope rolledBack(m_connection);
+    EXPECT_EQ(rolledBack.Rollback(), 0);
+    EXPECT_EQ(Outstanding(), 0);
+    ASSERT_EQ(Run("BEGIN"), 0);
+    const CTransactionScope notBegun(m_connection);
     EXPECT_EQ(Outstanding(), 0);
 }
 
