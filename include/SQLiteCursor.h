@@ -454,6 +454,7 @@ private:
     friend class CSharedQueryObject;
 
     VANTRY_LOCAL int StandOn(CDbRow* row, int index);
+    VANTRY_LOCAL int GoTo(int index);
     VANTRY_LOCAL int FillRow(CDbRow& row, const vantry::LogPlace& place);
     VANTRY_LOCAL int CacheCurrentRow(bool recordNames, const vantry::LogPlace& place);
     VANTRY_LOCAL int RecordNames(const vantry::LogPlace& place);

@@ -158,29 +158,18 @@ void CopyValue(CDbColumn& entry, sqlite3_stmt* statement, int column) {
 }
 
 // The row at a position, or null: looked for from the nearest of the list's two ends and the place where the
-// last search ended, so that a step to a neighbour costs the same in a result of any length.
+// last search ended.
 CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
-    // Rows come, and somebody may have taken some out by hand: the place is that of a list of its length.
-    const bool known = cache.placeRows == cache.rows.size();
-    // Nearly every search is for a neighbour of a place that is known.
-    if (known && index >= 0 && index + 1 == cache.placeIndex) {
-        cache.placeIndex = index;
-        return *--cache.place;
-    }
     const auto count = static_cast<std::ptrdiff_t>(cache.rows.size());
     if (index < 0 || index >= count) {
         return nullptr;
-    }
-    if (known && index == cache.placeIndex + 1) {
-        cache.placeIndex = index;
-        return *++cache.place;
     }
     const bool fromEnd = count - index < index;
     auto row = fromEnd ? cache.rows.end() : cache.rows.begin();
     std::ptrdiff_t distance = fromEnd ? index - count : index;
     const std::ptrdiff_t fromPlace = index - cache.placeIndex;
-    // Never so from a place before the first row or behind the last: an end is as near as that.
-    if (known && std::abs(fromPlace) < std::abs(distance)) {
+    // The place is never nearer where it is before the first row or behind the last: an end is as near as that.
+    if (cache.placeRows == cache.rows.size() && std::abs(fromPlace) < std::abs(distance)) {
         row = cache.place;
         distance = fromPlace;
     }
@@ -191,68 +180,88 @@ CDbRow* SeekRow(CSQLiteCursorCache& cache, int index) {
     return *row;
 }
 
-// Writes the line of a failure. A call of its own, so that the way of those that succeed needs no room for it.
-[[gnu::cold, gnu::noinline]] void LogFailure(const LogPlace& place, const char* text) {
-    VANTRY_LOG_AT(place, DLOG_INFO, text);
+// Whether the place where the last search ended is the row at a position. Rows come, and somebody may have taken
+// some out by hand: it is that of a list of its length.
+bool IsPlace(const CSQLiteCursorCache& cache, int index) {
+    return cache.placeRows == cache.rows.size() && cache.placeIndex == index;
 }
 
-// The first checks of every getter: a cache, a current row, and a column within it.
-int CheckColumn(const CSQLiteCursorCache* cache, int column, const LogPlace& place) {
+// The row at a position, from 0, where it is the one before the place, else null. Nearly every search is for a
+// neighbour: that costs the same in a result of any length.
+CDbRow* SeekBeforePlace(CSQLiteCursorCache& cache, int index) {
+    if (!IsPlace(cache, index + 1)) {
+        return nullptr;
+    }
+    cache.placeIndex = index;
+    return *--cache.place;
+}
+
+// The same where it is the one behind the place.
+CDbRow* SeekBehindPlace(CSQLiteCursorCache& cache, int index) {
+    if (!IsPlace(cache, index - 1) || static_cast<std::size_t>(index) >= cache.placeRows) {
+        return nullptr;
+    }
+    cache.placeIndex = index;
+    return *++cache.place;
+}
+
+// Tells why an operation fails. A call of its own, and the last thing that it does, so that the way of those that
+// succeed needs no room for it.
+[[gnu::cold, gnu::noinline]] int Refuse(const LogPlace& place, const char* text, int result) {
+    VANTRY_LOG_AT(place, DLOG_INFO, text);
+    return result;
+}
+
+// The first checks of every getter, a cache, a current row, and a column within it, and what is to be done with the
+// column's entry, which may be null.
+template <typename Take>
+int WithColumn(const CSQLiteCursorCache* cache, int column, const LogPlace& place, Take take) {
     if (cache == nullptr) {
-        LogFailure(place, NOT_ACTIVATED_TEXT);
-        return vantry::RESULT_NOT_ACTIVE;
+        return Refuse(place, NOT_ACTIVATED_TEXT, vantry::RESULT_NOT_ACTIVE);
     }
     if (cache->currentRow == nullptr) {
-        LogFailure(place, NO_ROW_TEXT);
-        return vantry::RESULT_NOT_ACTIVE;
+        return Refuse(place, NO_ROW_TEXT, vantry::RESULT_NOT_ACTIVE);
     }
     // A negative number is a very great one here.
-    if (static_cast<unsigned>(column) >= cache->currentRow->columns.size()) {
-        LogFailure(place, OUT_OF_RANGE_TEXT);
-        return vantry::RESULT_INVALID;
+    const auto& columns = cache->currentRow->columns;
+    if (static_cast<unsigned>(column) >= columns.size()) {
+        return Refuse(place, OUT_OF_RANGE_TEXT, vantry::RESULT_INVALID);
     }
-    return vantry::RESULT_OK;
+    return take(columns[static_cast<unsigned>(column)]);
 }
 
-// The entry at a column number that CheckColumn() has passed.
-int TakeEntry(const CSQLiteCursorCache& cache, int column, const LogPlace& place, const CDbColumn*& entry) {
-    entry = cache.currentRow->columns[static_cast<unsigned>(column)];
-    if (entry == nullptr) {
-        LogFailure(place, NO_COLUMN_TEXT);
-        return vantry::RESULT_NO_COLUMN;
-    }
-    return vantry::RESULT_OK;
+// The same, with an entry that is there.
+template <typename Take>
+int WithEntry(const CSQLiteCursorCache* cache, int column, const LogPlace& place, Take take) {
+    return WithColumn(cache, column, place, [&](const CDbColumn* entry) {
+        return entry != nullptr ? take(*entry) : Refuse(place, NO_COLUMN_TEXT, vantry::RESULT_NO_COLUMN);
+    });
 }
 
-int FindEntry(const CSQLiteCursorCache* cache, int column, const LogPlace& place, const CDbColumn*& entry) {
-    const int result = CheckColumn(cache, column, place);
-    return result != vantry::RESULT_OK ? result : TakeEntry(*cache, column, place, entry);
+// Whether a getter takes a stored type: its own, and where that is the integer's every code below it.
+bool Accepts(int wanted, int type) {
+    return type == wanted || (wanted == SQLITE_INTEGER && type < SQLITE_INTEGER);
 }
 
-// All the checks of the number and text getters. Every type code up to the integer's passes for an integer.
-int FindValue(const CSQLiteCursorCache* cache, int column, int type, const LogPlace& place,
-              const CDbColumn*& entry) {
-    const int result = FindEntry(cache, column, place, entry);
-    if (result != vantry::RESULT_OK) {
-        return result;
-    }
-    if (entry->type != type && (type != SQLITE_INTEGER || entry->type >= SQLITE_INTEGER)) {
-        return vantry::RESULT_INVALID;
-    }
-    if (entry->value == nullptr) {
-        LogFailure(place, "Column data is not activated");
-        return vantry::RESULT_NOT_ACTIVE;
-    }
-    return vantry::RESULT_OK;
+// All the checks of the number and text getters, and what is to be done with the value.
+template <typename Take>
+int WithValue(const CSQLiteCursorCache* cache, int column, int type, const LogPlace& place, Take take) {
+    return WithEntry(cache, column, place, [&](const CDbColumn& entry) -> int {
+        if (!Accepts(type, entry.type)) {
+            return vantry::RESULT_INVALID;
+        }
+        if (entry.value == nullptr) {
+            return Refuse(place, "Column data is not activated", vantry::RESULT_NOT_ACTIVE);
+        }
+        return take(entry.value);
+    });
 }
 
-int FindInteger(const CSQLiteCursorCache* cache, int column, const LogPlace& place, std::int64_t& value) {
-    const CDbColumn* entry = nullptr;
-    const int result = FindValue(cache, column, SQLITE_INTEGER, place, entry);
-    if (result == vantry::RESULT_OK) {
-        std::memcpy(&value, entry->value, sizeof value);
-    }
-    return result;
+template <typename Number>
+Number NumberAt(const char* bytes) {
+    Number number;
+    std::memcpy(&number, bytes, sizeof number);
+    return number;
 }
 
 }  // namespace
@@ -328,6 +337,12 @@ int CSQLiteCursor::StandOn(CDbRow* row, int index) {
     return vantry::RESULT_OK;
 }
 
+// A call of its own, so that a step to a neighbour needs no room for it.
+[[gnu::noinline]] int CSQLiteCursor::GoTo(int index) {
+    CDbRow* const row = SeekRow(*m_pCache, index);
+    return row != nullptr ? StandOn(row, index) : vantry::RESULT_OK;
+}
+
 int CSQLiteCursor::MoveNextStep() {
     if (m_pCache == nullptr) {
         if (m_pStmt == nullptr) {
@@ -346,7 +361,10 @@ int CSQLiteCursor::MoveNextStep() {
     if (next >= GetNumbersOfRows()) {
         return m_bStatementOwned && m_pStmt != nullptr ? AddRowCache(false) : vantry::RESULT_INVALID;
     }
-    CDbRow* row = SeekRow(*m_pCache, next);
+    CDbRow* row = SeekBehindPlace(*m_pCache, next);
+    if (row == nullptr) {
+        row = SeekRow(*m_pCache, next);
+    }
     if (row == nullptr) {
         VANTRY_LOG(DLOG_INFO, "Can't find the next item ");
         return vantry::RESULT_OK;
@@ -357,17 +375,15 @@ int CSQLiteCursor::MoveNextStep() {
 int CSQLiteCursor::MovePreviousStep() {
     static const LogPlace HERE = VANTRY_HERE;
     if (m_pCache == nullptr) {
-        LogFailure(HERE, NOT_ACTIVATED_TEXT);
-        return vantry::RESULT_NOT_ACTIVE;
+        return Refuse(HERE, NOT_ACTIVATED_TEXT, vantry::RESULT_NOT_ACTIVE);
     }
     if (m_currentRowIndex < 1) {
         // Kept: the words of another failure, on the first row too.
-        LogFailure(HERE, NOT_CONSTRUCTED_TEXT);
-        return vantry::RESULT_INVALID;
+        return Refuse(HERE, NOT_CONSTRUCTED_TEXT, vantry::RESULT_INVALID);
     }
     const int previous = m_currentRowIndex - 1;
-    CDbRow* row = SeekRow(*m_pCache, previous);
-    return row != nullptr ? StandOn(row, previous) : vantry::RESULT_OK;
+    CDbRow* const neighbour = SeekBeforePlace(*m_pCache, previous);
+    return neighbour != nullptr ? StandOn(neighbour, previous) : GoTo(previous);
 }
 
 int CSQLiteCursor::MoveFirstStep() {
@@ -682,106 +698,94 @@ CSQLiteCursorCache* CSQLiteCursor::GetCusorCache() { return m_pCache; }
 
 int CSQLiteCursor::GetIntegerData(int column, int& value) {
     static const LogPlace HERE = VANTRY_HERE;
-    std::int64_t number = 0;
-    const int result = FindInteger(m_pCache, column, HERE, number);
-    if (result == vantry::RESULT_OK) {
-        value = static_cast<int>(static_cast<std::uint32_t>(number));
-    }
-    return result;
+    return WithValue(m_pCache, column, SQLITE_INTEGER, HERE, [&](const char* bytes) {
+        value = static_cast<int>(static_cast<std::uint32_t>(NumberAt<std::int64_t>(bytes)));
+        return vantry::RESULT_OK;
+    });
 }
 
 int CSQLiteCursor::GetInteger64Data(int column, long long& value) {
     static const LogPlace HERE = VANTRY_HERE;
-    std::int64_t number = 0;
-    const int result = FindInteger(m_pCache, column, HERE, number);
-    if (result == vantry::RESULT_OK) {
-        value = number;
-    }
-    return result;
+    return WithValue(m_pCache, column, SQLITE_INTEGER, HERE, [&](const char* bytes) {
+        value = NumberAt<std::int64_t>(bytes);
+        return vantry::RESULT_OK;
+    });
 }
 
 int CSQLiteCursor::GetDoubleData(int column, double& value) {
     static const LogPlace HERE = VANTRY_HERE;
-    const CDbColumn* entry = nullptr;
-    const int result = FindValue(m_pCache, column, SQLITE_FLOAT, HERE, entry);
-    if (result == vantry::RESULT_OK) {
-        std::memcpy(&value, entry->value, sizeof value);
-    }
-    return result;
+    return WithValue(m_pCache, column, SQLITE_FLOAT, HERE, [&](const char* bytes) {
+        value = NumberAt<double>(bytes);
+        return vantry::RESULT_OK;
+    });
 }
 
 int CSQLiteCursor::GetStringData(int column, std::string& value) {
     static const LogPlace HERE = VANTRY_HERE;
-    const CDbColumn* entry = nullptr;
-    const int result = FindValue(m_pCache, column, SQLITE_TEXT, HERE, entry);
-    if (result != vantry::RESULT_OK) {
-        return result;
-    }
-    try {
-        value.assign(entry->value);
-    } catch (const std::exception&) {
-        VANTRY_LOG(DLOG_INFO, vantry::NO_MEMORY_TEXT);
-        return vantry::RESULT_NO_MEMORY;
-    }
-    return vantry::RESULT_OK;
+    return WithValue(m_pCache, column, SQLITE_TEXT, HERE, [&](const char* bytes) {
+        try {
+            value.assign(bytes);
+        } catch (const std::exception&) {
+            return Refuse(HERE, vantry::NO_MEMORY_TEXT, vantry::RESULT_NO_MEMORY);
+        }
+        return vantry::RESULT_OK;
+    });
 }
 
 int CSQLiteCursor::GetBlobData(int column, void* buffer, int size) {
     static const LogPlace HERE = VANTRY_HERE;
-    const int checked = CheckColumn(m_pCache, column, HERE);
-    if (checked != vantry::RESULT_OK) {
-        return checked;
-    }
-    if (size < 1) {
-        VANTRY_LOG(DLOG_INFO, "Buffer overflow is occurred");
-        return vantry::RESULT_INVALID;
-    }
-    if (buffer == nullptr) {
-        VANTRY_LOG(DLOG_INFO, "Null pointer was passed");
-        return vantry::RESULT_INVALID;
-    }
-    const CDbColumn* entry = nullptr;
-    const int found = TakeEntry(*m_pCache, column, HERE, entry);
-    if (found != vantry::RESULT_OK) {
-        return found;
-    }
-    if (entry->type != SQLITE_BLOB) {
-        return vantry::RESULT_INVALID;
-    }
-    if (size < entry->size) {
-        VANTRY_LOG(DLOG_INFO, "Buffer overflow is occurred");
-        return vantry::RESULT_BUFFER_TOO_SMALL;
-    }
-    if (entry->value == nullptr) {
-        VANTRY_LOG(DLOG_INFO, "Data for specified column does not exist");
-        return vantry::RESULT_NOT_ACTIVE;
-    }
-    std::memcpy(buffer, entry->value, static_cast<std::size_t>(entry->size));
-    return vantry::RESULT_OK;
+    return WithColumn(m_pCache, column, HERE, [&](const CDbColumn* entry) -> int {
+        if (size < 1) {
+            return Refuse(HERE, "Buffer overflow is occurred", vantry::RESULT_INVALID);
+        }
+        if (buffer == nullptr) {
+            return Refuse(HERE, "Null pointer was passed", vantry::RESULT_INVALID);
+        }
+        if (entry == nullptr) {
+            return Refuse(HERE, NO_COLUMN_TEXT, vantry::RESULT_NO_COLUMN);
+        }
+        if (entry->type != SQLITE_BLOB) {
+            return vantry::RESULT_INVALID;
+        }
+        if (size < entry->size) {
+            return Refuse(HERE, "Buffer overflow is occurred", vantry::RESULT_BUFFER_TOO_SMALL);
+        }
+        if (entry->value == nullptr) {
+            return Refuse(HERE, "Data for specified column does not exist", vantry::RESULT_NOT_ACTIVE);
+        }
+        std::memcpy(buffer, entry->value, static_cast<std::size_t>(entry->size));
+        return vantry::RESULT_OK;
+    });
 }
 
 int CSQLiteCursor::GetColumnCount() { return m_columnCount; }
 
 int CSQLiteCursor::GetColumnType(int column) {
     static const LogPlace HERE = VANTRY_HERE;
-    const CDbColumn* entry = nullptr;
-    if (FindEntry(m_pCache, column, HERE, entry) != vantry::RESULT_OK) {
-        return TYPE_UNDEFINED;
-    }
-    switch (entry->type) {
-        case SQLITE_INTEGER:
-            return TYPE_INTEGER;
-        case SQLITE_FLOAT:
-            return TYPE_DOUBLE;
-        case SQLITE_TEXT:
-            return TYPE_TEXT;
-        case SQLITE_BLOB:
-            return TYPE_BLOB;
-        case SQLITE_NULL:
-            return TYPE_NULL;
-        default:
-            return TYPE_UNDEFINED;
-    }
+    int type = TYPE_UNDEFINED;
+    WithEntry(m_pCache, column, HERE, [&](const CDbColumn& entry) {
+        switch (entry.type) {
+            case SQLITE_INTEGER:
+                type = TYPE_INTEGER;
+                break;
+            case SQLITE_FLOAT:
+                type = TYPE_DOUBLE;
+                break;
+            case SQLITE_TEXT:
+                type = TYPE_TEXT;
+                break;
+            case SQLITE_BLOB:
+                type = TYPE_BLOB;
+                break;
+            case SQLITE_NULL:
+                type = TYPE_NULL;
+                break;
+            default:
+                break;
+        }
+        return vantry::RESULT_OK;
+    });
+    return type;
 }
 
 std::string CSQLiteCursor::ConvertColumnTypeToString(int type) {
