@@ -17,7 +17,7 @@ const std::string& Directory();
 const std::string& FileOf(const Table& table, std::size_t rows);
 
 // Called before each repetition of a benchmark: an even start, and a sign of life.
-void BeginRepetition();
+void BeginRepetition(const std::string& title);
 
 // The times of a repetition's iterations. Their median is reported: it is the one that others on the machine
 // disturb least.

@@ -268,9 +268,18 @@ std::int64_t SumOfFile(const std::string& path, const Table& table, std::size_t&
     return sum;
 }
 
+std::string running;
+
 void Fail(const std::string& reason) {
-    std::fprintf(stderr, "%s\n", reason.c_str());
-    std::_Exit(1);
+    std::fprintf(stderr, "%s%s%s\n", running.c_str(), running.empty() ? "" : ": ", reason.c_str());
+    // Objects that are in use are left as they are; what must not outlive the program is told to at_quick_exit().
+    std::quick_exit(1);
+}
+
+void Check(std::int64_t found, std::int64_t expected) {
+    if (found != expected) {
+        Fail("the sum over what was read is " + std::to_string(found) + ", not " + std::to_string(expected));
+    }
 }
 
 }  // namespace bench

@@ -97,8 +97,12 @@ void MakeFile(const std::string& path, const Table& table, std::size_t rows);
 std::int64_t SumOfQuery(sqlite3* db, const std::string& sql, std::size_t& rows);
 std::int64_t SumOfFile(const std::string& path, const Table& table, std::size_t& rows);
 
+// What the program does now; Fail() tells it.
+extern std::string running;
 // Ends the program: a benchmark whose answer is wrong has no figure.
 [[noreturn]] void Fail(const std::string& reason);
+// Fails when the sum over what was read is not the one over what was written.
+void Check(std::int64_t found, std::int64_t expected);
 
 }  // namespace bench
 

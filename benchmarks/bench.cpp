@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <map>
+#include <memory>
 #include <utility>
 
 #include "Bench.h"
@@ -21,7 +23,7 @@ namespace bench {
 
 namespace {
 
-// Removes the files at the program's end.
+// Removes the files at the program's end, be it Fail()'s.
 class RunDirectory {
 public:
     RunDirectory() {
@@ -33,16 +35,19 @@ public:
             Fail("cannot make " + pattern);
         }
         m_path = pattern;
+        std::at_quick_exit([] { Remove(Directory()); });
     }
     RunDirectory(const RunDirectory&) = delete;
     RunDirectory& operator=(const RunDirectory&) = delete;
-    ~RunDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
+    ~RunDirectory() { Remove(m_path); }
     const std::string& Path() const { return m_path; }
 
 private:
+    static void Remove(const std::string& path) {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+
     std::string m_path;
 };
 
@@ -89,7 +94,8 @@ Typical::~Typical() {
     }
 }
 
-void BeginRepetition() {
+void BeginRepetition(const std::string& title) {
+    running = title;
     // What the one before left in the heap, in the registers and of its settings is not this one's.
     malloc_trim(0);
     LeaveVectorRegisters();
@@ -118,7 +124,10 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;
     }
-    benchmark::RunSpecifiedBenchmarks();
+    // What it tells of the machine goes with its table: on the standard error is only what this program says.
+    const std::unique_ptr<benchmark::BenchmarkReporter> display(benchmark::CreateDefaultDisplayReporter());
+    display->SetErrorStream(&std::cout);
+    benchmark::RunSpecifiedBenchmarks(display.get());
     benchmark::Shutdown();
     return 0;
 }

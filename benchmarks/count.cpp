@@ -29,17 +29,11 @@
 
 namespace {
 
+using bench::Check;
 using bench::Table;
 using bench::Works;
 
 constexpr std::size_t WARMING_ROWS = 10;
-
-void Check(const char* what, std::int64_t found, std::int64_t expected) {
-    if (found != expected) {
-        bench::Fail(std::string(what) + ": the sum is " + std::to_string(found) + ", not " +
-                    std::to_string(expected));
-    }
-}
 
 // Makes the allocator join what was freed and is still apart. It does so now or later, which hangs on where the
 // heap happens to end; a count must not.
@@ -57,7 +51,7 @@ long Count(Works& works, const std::string& work, const Table& table, const std:
         works.PrepareInserts();
         COUNTED(works.InsertRows(rows));
         std::size_t found = 0;
-        Check("insert", bench::SumOfFile(path, table, found), table.SumOfAll(0, rows));
+        Check(bench::SumOfFile(path, table, found), table.SumOfAll(0, rows));
         return counted;
     }
     bench::MakeFile(path, table, rows);
@@ -66,7 +60,7 @@ long Count(Works& works, const std::string& work, const Table& table, const std:
     if (work == "read") {
         COUNTED(works.Read());
         works.Rewind();
-        Check("read", works.SumOfHeld(), table.SumOfAll(works.FirstHeld(), rows - works.FirstHeld()));
+        Check(works.SumOfHeld(), table.SumOfAll(works.FirstHeld(), rows - works.FirstHeld()));
         return counted;
     }
     works.Read();
@@ -80,13 +74,13 @@ long Count(Works& works, const std::string& work, const Table& table, const std:
     std::int64_t sum = 0;
     if (work == "forward") {
         COUNTED(sum = works.Forward());
-        Check("forward", sum, table.SumOfForward(first, rows - first));
+        Check(sum, table.SumOfForward(first, rows - first));
         return counted;
     }
     if (work == "backward") {
         works.Forward();
         COUNTED(sum = works.Backward());
-        Check("backward", sum, table.SumOfBackward(first, rows - first));
+        Check(sum, table.SumOfBackward(first, rows - first));
         return counted;
     }
     bench::Fail("no such work: " + work);
@@ -116,6 +110,7 @@ int main(int argc, char** argv) {
     if (!works || rows == 0) {
         bench::Fail(std::string("cannot do: ") + argv[2] + " " + argv[4]);
     }
+    bench::running = std::string(argv[1]) + ", " + argv[3] + ", " + argv[2];
     // What happens once a process is no part of the count.
     Count(*bench::MakeWorks(argv[2]), argv[1], table, std::string(argv[5]) + ".warming", WARMING_ROWS, false);
     std::printf("%ld\n", Count(*works, argv[1], table, argv[5], rows, true));

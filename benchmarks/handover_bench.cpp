@@ -75,7 +75,6 @@ Times HandOverOnce(Way& way, ConsumerProcess& consumer, const std::string& path,
 }
 
 void RunHandOver(benchmark::State& state, const std::string& name, const Table& table) {
-    BeginRepetition();
     const std::size_t rows = RowsThatFit(table);
     const std::string& path = FileOf(table, rows);
     const std::int64_t expected = table.SumOfAll(0, rows);
@@ -84,18 +83,16 @@ void RunHandOver(benchmark::State& state, const std::string& name, const Table& 
     std::int64_t sum = 0;
     // The first one warms both processes.
     HandOverOnce(*way, consumer, path, table, rows, sum);
+    Check(sum, expected);
     Typical typical(state);
     for (auto _ : state) {
         typical.Add(HandOverOnce(*way, consumer, path, table, rows, sum).handOver);
-        if (sum != expected) {
-            state.SkipWithError("the sum over what was read is wrong");
-        }
+        Check(sum, expected);
     }
     state.counters["rows"] = static_cast<double>(rows);
 }
 
 void RunLife(benchmark::State& state, const Table& table) {
-    BeginRepetition();
     const std::string& path = FileOf(table, RowsThatFit(table));
     Typical typical(state);
     for (auto _ : state) {
@@ -111,8 +108,7 @@ void RunLife(benchmark::State& state, const Table& table) {
         int status = 0;
         waitpid(process, &status, 0);
         if (!good || status != 0) {
-            state.SkipWithError("the process did not live to its end");
-            return;
+            Fail("the process did not live to its end");
         }
         typical.Add(times[1].handOver);
         state.counters["second"] = times[0].handOver * 1e9;
@@ -192,9 +188,7 @@ int RunLongLife(int argc, char** argv) {
     for (int i = 1; i <= HAND_OVERS_OF_A_LIFE; ++i) {
         std::int64_t sum = 0;
         const Times now = HandOverOnce(*way, consumer, path, table, rows, sum);
-        if (sum != expected) {
-            Fail("the sum over what was read is wrong");
-        }
+        Check(sum, expected);
         if (i == 2 || i == HAND_OVERS_OF_A_LIFE) {
             times[i == 2 ? 0 : 1] = now;
         }
@@ -233,7 +227,6 @@ void MakeAndDropObject(std::size_t size) {
 
 // What a hand-over is made of, one part after the other in one process.
 void RunParts(benchmark::State& state, const Table& table) {
-    BeginRepetition();
     const std::string& path = FileOf(table, RowsThatFit(table));
     const std::int64_t expected = table.SumOfAll(0, RowsThatFit(table));
     LibraryResult result(path, table);
@@ -248,11 +241,9 @@ void RunParts(benchmark::State& state, const Table& table) {
         result.Fetch();
         parts[1] = NanosecondsSince(start);
         start = Clock::now();
-        if (result.Visit() != expected) {
-            state.SkipWithError("the sum over what was read is wrong");
-            return;
-        }
+        const std::int64_t sum = result.Visit();
         parts[2] = NanosecondsSince(start);
+        Check(sum, expected);
         result.Release();
         start = Clock::now();
         MakeAndDropObject(result.Size());
@@ -270,20 +261,22 @@ void RunParts(benchmark::State& state, const Table& table) {
 void RegisterHandOvers() {
     for (const Table* table : {&Table::Wide(), &Table::Narrow()}) {
         const std::string shape = ShapeOf(*table);
-        for (const std::string& name : WayNames()) {
-            benchmark::RegisterBenchmark(("handover/" + shape + "/" + name).c_str(),
-                                         [=](benchmark::State& state) { RunHandOver(state, name, *table); })
+        const auto add = [](const std::string& title, int iterations, auto run) {
+            benchmark::RegisterBenchmark(title.c_str(),
+                                         [=](benchmark::State& state) {
+                                             BeginRepetition(title);
+                                             run(state);
+                                         })
                 ->UseManualTime()
-                ->Iterations(HAND_OVERS_A_REPETITION);
+                ->Iterations(iterations);
+        };
+        for (const std::string& name : WayNames()) {
+            add("handover/" + shape + "/" + name, HAND_OVERS_A_REPETITION,
+                [=](benchmark::State& state) { RunHandOver(state, name, *table); });
         }
-        benchmark::RegisterBenchmark(("parts/" + shape).c_str(),
-                                     [=](benchmark::State& state) { RunParts(state, *table); })
-            ->UseManualTime()
-            ->Iterations(HAND_OVERS_A_REPETITION);
-        benchmark::RegisterBenchmark(("life/" + shape).c_str(),
-                                     [=](benchmark::State& state) { RunLife(state, *table); })
-            ->UseManualTime()
-            ->Iterations(1);
+        add("parts/" + shape, HAND_OVERS_A_REPETITION,
+            [=](benchmark::State& state) { RunParts(state, *table); });
+        add("life/" + shape, 1, [=](benchmark::State& state) { RunLife(state, *table); });
     }
 }
 

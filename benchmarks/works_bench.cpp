@@ -49,12 +49,6 @@ double SecondsOf(Work work) {
     return std::min(wall, ProcessorSeconds() - before);
 }
 
-void Check(benchmark::State& state, std::int64_t found, std::int64_t expected) {
-    if (found != expected) {
-        state.SkipWithError("the sum over what was read is wrong");
-    }
-}
-
 void RunInsert(benchmark::State& state, const std::string& name, const Table& table, std::size_t rows) {
     const std::string path = Directory() + "/insert.db";
     Typical typical(state);
@@ -65,7 +59,7 @@ void RunInsert(benchmark::State& state, const std::string& name, const Table& ta
         works->PrepareInserts();
         typical.Add(SecondsOf([&] { works->InsertRows(rows); }));
         std::size_t found = 0;
-        Check(state, SumOfFile(path, table, found), table.SumOfAll(0, rows));
+        Check(SumOfFile(path, table, found), table.SumOfAll(0, rows));
     }
 }
 
@@ -78,7 +72,7 @@ void RunRead(benchmark::State& state, const std::string& name, const Table& tabl
         typical.Add(SecondsOf([&] { works->Read(); }));
         works->Rewind();
         const std::size_t first = works->FirstHeld();
-        Check(state, works->SumOfHeld(), table.SumOfAll(first, rows - first));
+        Check(works->SumOfHeld(), table.SumOfAll(first, rows - first));
         works->Destroy();
     }
 }
@@ -92,7 +86,7 @@ void RunDestroy(benchmark::State& state, const std::string& name, const Table& t
         works->Read();
         works->Rewind();
         const std::size_t first = works->FirstHeld();
-        Check(state, works->Forward(), table.SumOfForward(first, rows - first));
+        Check(works->Forward(), table.SumOfForward(first, rows - first));
         typical.Add(SecondsOf([&] { works->Destroy(); }));
     }
 }
@@ -113,8 +107,8 @@ void RunMove(benchmark::State& state, const std::string& name, const Table& tabl
         std::int64_t back = 0;
         const double forwardSeconds = SecondsOf([&] { there = works->Forward(); });
         const double backwardSeconds = SecondsOf([&] { back = works->Backward(); });
-        Check(state, there, table.SumOfForward(first, held));
-        Check(state, back, table.SumOfBackward(first, held));
+        Check(there, table.SumOfForward(first, held));
+        Check(back, table.SumOfBackward(first, held));
         const double seconds = forward ? forwardSeconds : backwardSeconds;
         typical.Add(seconds * static_cast<double>(rows) / static_cast<double>(held));
         state.counters["visited"] = static_cast<double>(held);
@@ -139,7 +133,7 @@ void RegisterWorks(std::size_t mostRows) {
                                               std::to_string(rows);
                     benchmark::RegisterBenchmark(title.c_str(),
                                                  [=](benchmark::State& state) {
-                                                     BeginRepetition();
+                                                     BeginRepetition(title);
                                                      run(state, name, *table, rows);
                                                  })
                         ->UseManualTime()
