@@ -65,9 +65,13 @@ public:
         if (m_fitsCache) {
             m_cursor = m_connection->SelectRequest(m_table->Name(), m_projection, "", "");
         } else {
-            // Rows that the cache has evicted can only be passed by a cursor that stands behind them.
+            // Rows that the cache has evicted can only be passed by a cursor that stands behind them. Its
+            // statement is ended, as the preloaded one's is: a move that would leave the held rows just fails.
             m_cursor = m_connection->SelectRequest(m_table->Name(), m_projection, "", "", false);
             while (m_cursor && m_cursor->MoveNextStep() == 0) {
+            }
+            if (m_cursor) {
+                static_cast<CSQLiteCursor*>(m_cursor.get())->FinalizeSQLStatement();
             }
         }
         if (!m_cursor || m_cursor->GetNumbersOfRows() != m_count) {
@@ -94,10 +98,9 @@ public:
         long long integer = 0;
         double real = 0;
         std::string text;
-        int row = cursor.GetCurrentRowIndex();
-        if (row < 0) {
+        // Rewind() goes before the first row; where that was evicted, onto the first that is held.
+        if (cursor.GetCurrentRowIndex() < 0) {
             cursor.MoveNextStep();
-            row = 0;
         }
         do {
             int result = cursor.GetInteger64Data(INTEGER_COLUMN, integer);
@@ -116,7 +119,7 @@ public:
             if (result != 0) {
                 Fail("a getter failed");
             }
-        } while (++row < m_count && cursor.MoveNextStep() == 0);
+        } while (cursor.MoveNextStep() == 0);
         return sum.Total();
     }
 
@@ -124,13 +127,12 @@ public:
         ISQLiteCursor& cursor = *m_cursor;
         Sum sum;
         long long integer = 0;
-        int row = m_count;
         do {
             if (cursor.GetInteger64Data(INTEGER_COLUMN, integer) != 0) {
                 Fail("a getter failed");
             }
             sum.Add(static_cast<std::int64_t>(integer));
-        } while (--row > m_firstHeld && cursor.MovePreviousStep() == 0);
+        } while (cursor.MovePreviousStep() == 0);
         return sum.Total();
     }
 
