@@ -9,6 +9,7 @@
 #include <cstring>
 #include <optional>
 
+#include "LibraryResult.h"
 #include "RowsInMemory.h"
 #include "SharedQueryObject.h"
 #include "VantryConnection.h"
@@ -19,73 +20,11 @@ namespace bench {
 
 namespace {
 
-constexpr std::size_t MOST_BYTES = 2097152;
-
 void SendMessage(int requests, const std::string& name, std::size_t size) {
     Message message;
     message.size = static_cast<std::int32_t>(size);
     std::strncpy(message.name, name.c_str(), sizeof message.name - 1);
     WriteAll(requests, &message, sizeof message);
-}
-
-// Visits every value of a cursor once, forward, as one who knows the table does: a getter that finds null says so.
-std::int64_t SumOf(ISQLiteCursor& cursor, const Table& table) {
-    std::vector<Kind> kinds;
-    for (const Column& column : table.Columns()) {
-        kinds.push_back(column.kind);
-    }
-    const int columns = cursor.GetColumnCount();
-    if (columns != static_cast<int>(kinds.size())) {
-        return -1;
-    }
-    Sum sum;
-    long long integer = 0;
-    double real = 0;
-    std::string bytes;
-    while (cursor.MoveNextStep() == 0) {
-        for (int i = 0; i < columns; ++i) {
-            switch (kinds[static_cast<std::size_t>(i)]) {
-                case Kind::Integer:
-                    if (cursor.GetInteger64Data(i, integer) == 0) {
-                        sum.Add(static_cast<std::int64_t>(integer));
-                    }
-                    break;
-                case Kind::Real:
-                    if (cursor.GetDoubleData(i, real) == 0) {
-                        sum.Add(real);
-                    }
-                    break;
-                case Kind::Text:
-                    if (cursor.GetStringData(i, bytes) == 0) {
-                        sum.Add(std::string_view(bytes));
-                    }
-                    break;
-                case Kind::Blob:
-                    bytes.resize(static_cast<std::size_t>(cursor.GetColumnSize(i)));
-                    if (!bytes.empty() &&
-                        cursor.GetBlobData(i, bytes.data(), static_cast<int>(bytes.size())) == 0) {
-                        sum.Add(std::string_view(bytes));
-                    }
-                    break;
-            }
-        }
-    }
-    return sum.Total();
-}
-
-std::shared_ptr<ISQLiteCursor> Select(std::optional<CVantryConnection>& connection, const std::string& path,
-                                      const Table& table, std::vector<std::string>& projection) {
-    if (!connection) {
-        const std::size_t name = path.rfind('/') + 1;
-        connection.emplace(path.substr(0, name), path.substr(name), 1);
-        if (connection->OpenOperation() != 0) {
-            Fail("cannot open " + path);
-        }
-        for (const Column& column : table.Columns()) {
-            projection.push_back(column.name);
-        }
-    }
-    return connection->SelectRequest(table.Name(), projection, "", "");
 }
 
 // The library's own.
@@ -356,20 +295,18 @@ public:
     }
 
     void Provide(int requests) override {
-        flatbuffers::FlatBufferBuilder builder(MOST_BYTES);
-        std::vector<flatbuffers::Offset<flat::Row>> rows;
-        std::vector<flatbuffers::Offset<flat::Value>> values;
-        rows.reserve(m_rows.size());
+        m_builder.Clear();
+        m_built.clear();
         for (const auto& row : m_rows) {
-            values.clear();
+            m_values.clear();
             for (const Cell& cell : row) {
-                values.push_back(Build(builder, cell));
+                m_values.push_back(Build(m_builder, cell));
             }
-            rows.push_back(flat::CreateRow(builder, builder.CreateVector(values)));
+            m_built.push_back(flat::CreateRow(m_builder, m_builder.CreateVector(m_values)));
         }
-        builder.Finish(flat::CreateResult(builder, builder.CreateVector(rows)));
-        SendMessage(requests, "", builder.GetSize());
-        WriteAll(requests, builder.GetBufferPointer(), builder.GetSize());
+        m_builder.Finish(flat::CreateResult(m_builder, m_builder.CreateVector(m_built)));
+        SendMessage(requests, "", m_builder.GetSize());
+        WriteAll(requests, m_builder.GetBufferPointer(), m_builder.GetSize());
     }
 
     std::int64_t Consume(const Message& message, int requests) override {
@@ -434,6 +371,10 @@ private:
     }
 
     Rows m_rows;
+    // Kept from one hand-over to the next, with their memory.
+    flatbuffers::FlatBufferBuilder m_builder{MOST_BYTES};
+    std::vector<flatbuffers::Offset<flat::Row>> m_built;
+    std::vector<flatbuffers::Offset<flat::Value>> m_values;
     std::vector<std::uint8_t> m_bytes;
 };
 
@@ -516,49 +457,6 @@ bool ReadAll(int descriptor, void* bytes, std::size_t size) {
         }
     }
     return true;
-}
-
-std::size_t RowsThatFit(const Table& table) {
-    // Counts, names and cells as they are laid out for the other process: docs/wire-format.md.
-    std::size_t bytes = 8;
-    for (const Column& column : table.Columns()) {
-        bytes += 4 + column.name.size() + 1;
-    }
-    std::size_t rows = 0;
-    for (;; ++rows) {
-        for (std::size_t i = 0; i < table.Columns().size(); ++i) {
-            const Kind kind = table.Columns()[i].kind;
-            const Value& value = table.Row(rows)[i];
-            const bool isNumber = kind == Kind::Integer || kind == Kind::Real;
-            bytes += 8 + (value.isNull ? 0 : isNumber ? 8 : value.text.size() + 1);
-        }
-        if (bytes > MOST_BYTES) {
-            return rows;
-        }
-    }
-}
-
-void LibraryResult::Query() { m_stored = Select(m_connection, m_path, m_table, m_projection); }
-
-void LibraryResult::Store() {
-    if (ISharedQueryObject::StoreCursor(m_stored, "bench" + std::to_string(getpid()) + "_", m_name, m_size) !=
-        0) {
-        Fail("StoreCursor failed");
-    }
-}
-
-void LibraryResult::Fetch() {
-    m_fetched = ISharedQueryObject::GetCursor(m_name, m_size);
-    if (!m_fetched) {
-        Fail("GetCursor failed");
-    }
-}
-
-std::int64_t LibraryResult::Visit() { return SumOf(*m_fetched, m_table); }
-
-void LibraryResult::Release() {
-    m_stored.reset();
-    m_fetched.reset();
 }
 
 const std::vector<std::string>& WayNames() {

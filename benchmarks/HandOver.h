@@ -6,13 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "SQLiteCursor.h"
 #include "Tables.h"
-#include "VantryConnection.h"
 
 namespace bench {
 
@@ -25,9 +22,6 @@ struct Message {
 void WriteAll(int descriptor, const void* bytes, std::size_t size);
 // False at the end of the pipe.
 bool ReadAll(int descriptor, void* bytes, std::size_t size);
-
-// The largest number of rows that is handed over in 2 MiB.
-std::size_t RowsThatFit(const Table& table);
 
 // A consumer in a process of its own. It is sent a message, answers with the sum over all the values that it
 // read, and once more when it has given the result back.
@@ -65,31 +59,6 @@ public:
     virtual void OpenConsumer(const std::string& /*path*/, const Table& /*table*/, std::size_t /*rows*/) {}
     virtual std::int64_t Consume(const Message& message, int requests) = 0;
     virtual void ReleaseConsumed() {}
-};
-
-// The library's hand-over in its parts, within one process.
-class LibraryResult {
-public:
-    LibraryResult(const std::string& path, const Table& table) : m_path(path), m_table(table) {}
-
-    void Query();
-    void Store();
-    void Fetch();
-    // The sum over every value of what was fetched.
-    std::int64_t Visit();
-    void Release();
-    // Bytes of the object that was stored last.
-    std::size_t Size() const { return static_cast<std::size_t>(m_size); }
-
-private:
-    const std::string& m_path;
-    const Table& m_table;
-    std::optional<CVantryConnection> m_connection;
-    std::vector<std::string> m_projection;
-    std::shared_ptr<ISQLiteCursor> m_stored;
-    std::shared_ptr<ISQLiteCursor> m_fetched;
-    std::string m_name;
-    int m_size = 0;
 };
 
 const std::vector<std::string>& WayNames();

@@ -1,9 +1,9 @@
 // The library itself.
 #include <bundle.h>
 
-#include <climits>
 #include <optional>
 
+#include "LibraryResult.h"
 #include "VantryConnection.h"
 #include "Works.h"
 
@@ -142,22 +142,7 @@ public:
 
     std::int64_t SumOfHeld() override {
         Rewind();
-        ISQLiteCursor& cursor = *m_cursor;
-        if (m_firstHeld == 0) {
-            cursor.MoveNextStep();
-        }
-        Sum sum;
-        const int columns = cursor.GetColumnCount();
-        std::string text;
-        for (int row = m_firstHeld; row < m_count; ++row) {
-            for (int i = 0; i < columns; ++i) {
-                Add(cursor, i, text, sum);
-            }
-            if (row + 1 < m_count && cursor.MoveNextStep() != 0) {
-                Fail("MoveNextStep failed");
-            }
-        }
-        return sum.Total();
+        return SumOf(*m_cursor, *m_table);
     }
 
 private:
@@ -175,32 +160,6 @@ private:
             }
         }
         return bytes <= CSQLiteCursor::MAX_DB_CACHE_SIZE;
-    }
-
-    static void Add(ISQLiteCursor& cursor, int column, std::string& text, Sum& sum) {
-        long long integer = 0;
-        double real = 0;
-        switch (cursor.GetColumnType(column)) {
-            case 0:
-                cursor.GetInteger64Data(column, integer);
-                sum.Add(static_cast<std::int64_t>(integer));
-                break;
-            case 2:
-                cursor.GetDoubleData(column, real);
-                sum.Add(real);
-                break;
-            case 3:
-                cursor.GetStringData(column, text);
-                sum.Add(std::string_view(text));
-                break;
-            case 4:
-                text.resize(static_cast<std::size_t>(cursor.GetColumnSize(column)));
-                cursor.GetBlobData(column, text.data(), static_cast<int>(text.size()));
-                sum.Add(std::string_view(text));
-                break;
-            default:
-                break;
-        }
     }
 
     const Table* m_table = nullptr;

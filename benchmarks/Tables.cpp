@@ -272,7 +272,7 @@ std::string running;
 
 void Fail(const std::string& reason) {
     std::fprintf(stderr, "%s%s%s\n", running.c_str(), running.empty() ? "" : ": ", reason.c_str());
-    // Objects that are in use are left as they are; what must not outlive the program is told to at_quick_exit().
+    // Objects that are in use are left as they are: what must go with the program is told to at_quick_exit().
     std::quick_exit(1);
 }
 

@@ -15,6 +15,7 @@
 
 #include "Bench.h"
 #include "HandOver.h"
+#include "LibraryResult.h"
 
 extern char** environ;
 
