@@ -19,6 +19,9 @@ const std::string& FileOf(const Table& table, std::size_t rows);
 // Called before each repetition of a benchmark: an even start, and a sign of life.
 void BeginRepetition(const std::string& title);
 
+// The upper of the two in the middle, where there are two.
+double MedianOf(std::vector<double> values);
+
 // The times of a repetition's iterations. Their median is reported: it is the one that others on the machine
 // disturb least.
 class Typical {

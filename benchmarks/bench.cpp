@@ -81,6 +81,12 @@ const std::string& FileOf(const Table& table, std::size_t rows) {
     return path;
 }
 
+double MedianOf(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
 void Typical::Add(double seconds) {
     m_state.SetIterationTime(seconds);
     m_seconds.push_back(seconds);
@@ -88,9 +94,7 @@ void Typical::Add(double seconds) {
 
 Typical::~Typical() {
     if (!m_seconds.empty()) {
-        const auto middle = m_seconds.begin() + static_cast<std::ptrdiff_t>(m_seconds.size() / 2);
-        std::nth_element(m_seconds.begin(), middle, m_seconds.end());
-        m_state.counters["typical"] = *middle * 1e9;
+        m_state.counters["typical"] = MedianOf(m_seconds) * 1e9;
     }
 }
 
