@@ -282,4 +282,12 @@ void Check(std::int64_t found, std::int64_t expected) {
     }
 }
 
+void CheckFile(const std::string& path, const Table& table, std::size_t rows) {
+    std::size_t found = 0;
+    Check(SumOfFile(path, table, found), table.SumOfAll(0, rows));
+    if (found != rows) {
+        Fail(std::to_string(found) + " rows are stored, not " + std::to_string(rows));
+    }
+}
+
 }  // namespace bench

@@ -103,6 +103,8 @@ extern std::string running;
 [[noreturn]] void Fail(const std::string& reason);
 // Fails when the sum over what was read is not the one over what was written.
 void Check(std::int64_t found, std::int64_t expected);
+// Fails when the file holds anything but the first `rows` rows.
+void CheckFile(const std::string& path, const Table& table, std::size_t rows);
 
 }  // namespace bench
 

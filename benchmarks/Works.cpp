@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 namespace bench {
 
@@ -38,6 +39,11 @@ std::unique_ptr<Works> MakeWorks(const std::string& name) {
         return MakeLibraryWorks();
     }
     return nullptr;
+}
+
+void SettleHeap() {
+    void* volatile block = std::malloc(1U << 16U);
+    std::free(block);
 }
 
 }  // namespace bench

@@ -62,6 +62,10 @@ std::unique_ptr<Works> MakeSqliteCppWorks();
 std::unique_ptr<Works> MakeQtWorks();
 std::unique_ptr<Works> MakeLibraryWorks();
 
+// Makes the allocator join what was freed and is still apart. It does so now or later, which hangs on where the
+// heap happens to end; a figure must not.
+void SettleHeap();
+
 // What the program's __dlog_print does with a line: drops it (false), or formats it and drops the text.
 extern bool formatLogLines;
 

@@ -35,13 +35,6 @@ using bench::Works;
 
 constexpr std::size_t WARMING_ROWS = 10;
 
-// Makes the allocator join what was freed and is still apart. It does so now or later, which hangs on where the
-// heap happens to end; a count must not.
-void SettleHeap() {
-    void* volatile block = std::malloc(1U << 16U);
-    std::free(block);
-}
-
 // Returns the counted allocations of `work` with `rows` rows of `table`.
 long Count(Works& works, const std::string& work, const Table& table, const std::string& path,
            std::size_t rows, [[maybe_unused]] bool counting) {
@@ -50,8 +43,7 @@ long Count(Works& works, const std::string& work, const Table& table, const std:
         works.Open(path, table);
         works.PrepareInserts();
         COUNTED(works.InsertRows(rows));
-        std::size_t found = 0;
-        Check(bench::SumOfFile(path, table, found), table.SumOfAll(0, rows));
+        bench::CheckFile(path, table, rows);
         return counted;
     }
     bench::MakeFile(path, table, rows);
@@ -67,8 +59,9 @@ long Count(Works& works, const std::string& work, const Table& table, const std:
     works.Rewind();
     const std::size_t first = works.FirstHeld();
     if (work == "destroy") {
-        SettleHeap();
-        COUNTED((works.Destroy(), SettleHeap()));
+        Check(works.SumOfHeld(), table.SumOfAll(first, rows - first));
+        bench::SettleHeap();
+        COUNTED((works.Destroy(), bench::SettleHeap()));
         return counted;
     }
     std::int64_t sum = 0;

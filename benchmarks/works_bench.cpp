@@ -58,8 +58,7 @@ void RunInsert(benchmark::State& state, const std::string& name, const Table& ta
         works->Open(path, table);
         works->PrepareInserts();
         typical.Add(SecondsOf([&] { works->InsertRows(rows); }));
-        std::size_t found = 0;
-        Check(SumOfFile(path, table, found), table.SumOfAll(0, rows));
+        CheckFile(path, table, rows);
     }
 }
 
@@ -86,8 +85,12 @@ void RunDestroy(benchmark::State& state, const std::string& name, const Table& t
         works->Read();
         works->Rewind();
         const std::size_t first = works->FirstHeld();
-        Check(works->Forward(), table.SumOfForward(first, rows - first));
-        typical.Add(SecondsOf([&] { works->Destroy(); }));
+        Check(works->SumOfHeld(), table.SumOfAll(first, rows - first));
+        SettleHeap();
+        typical.Add(SecondsOf([&] {
+            works->Destroy();
+            SettleHeap();
+        }));
     }
 }
 
