@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "LibraryResult.h"
 #include "Works.h"
 
 #ifdef BENCH_COUNT_ALLOCATIONS
@@ -79,6 +80,34 @@ long Count(Works& works, const std::string& work, const Table& table, const std:
     bench::Fail("no such work: " + work);
 }
 
+// The same of a part of the library's hand-over. What was stored is always fetched: it is gone then.
+long CountPart(const std::string& part, const Table& table, const std::string& path, std::size_t rows,
+               [[maybe_unused]] bool counting) {
+    bench::MakeFile(path, table, rows);
+    bench::LibraryResult result(path, table);
+    const std::int64_t expected = table.SumOfAll(0, rows);
+    result.Query();
+    if (part == "store") {
+        COUNTED(result.Store());
+        result.Fetch();
+        Check(result.Visit(), expected);
+        return counted;
+    }
+    result.Store();
+    if (part == "fetch") {
+        COUNTED(result.Fetch());
+        Check(result.Visit(), expected);
+        return counted;
+    }
+    result.Fetch();
+    std::int64_t sum = 0;
+    COUNTED(sum = result.Visit());
+    Check(sum, expected);
+    return counted;
+}
+
+bool IsPart(const std::string& work) { return work == "store" || work == "fetch" || work == "visit"; }
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -93,19 +122,26 @@ int main(int argc, char** argv) {
     if (argc != 6) {
         std::fprintf(stderr,
                      "Usage: %s insert|read|forward|backward|destroy IMPLEMENTATION wide|narrow ROWS FILE\n"
+                     "       %s store|fetch|visit vantry wide|narrow ROWS FILE\n"
                      "       %s --list\n",
-                     argv[0], argv[0]);
+                     argv[0], argv[0], argv[0]);
         return 2;
     }
     const Table& table = std::strcmp(argv[3], "wide") == 0 ? Table::Wide() : Table::Narrow();
     const auto rows = static_cast<std::size_t>(std::strtoul(argv[4], nullptr, 10));
     const auto works = bench::MakeWorks(argv[2]);
-    if (!works || rows == 0) {
+    if (!works || rows == 0 || (IsPart(argv[1]) && std::strcmp(argv[2], "vantry") != 0)) {
         bench::Fail(std::string("cannot do: ") + argv[2] + " " + argv[4]);
     }
     bench::running = std::string(argv[1]) + ", " + argv[3] + ", " + argv[2];
     // What happens once a process is no part of the count.
-    Count(*bench::MakeWorks(argv[2]), argv[1], table, std::string(argv[5]) + ".warming", WARMING_ROWS, false);
+    const std::string warming = std::string(argv[5]) + ".warming";
+    if (IsPart(argv[1])) {
+        CountPart(argv[1], table, warming, WARMING_ROWS, false);
+        std::printf("%ld\n", CountPart(argv[1], table, argv[5], rows, true));
+        return 0;
+    }
+    Count(*bench::MakeWorks(argv[2]), argv[1], table, warming, WARMING_ROWS, false);
     std::printf("%ld\n", Count(*works, argv[1], table, argv[5], rows, true));
     return 0;
 }

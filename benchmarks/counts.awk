@@ -1,4 +1,5 @@
-# Writes the counts (work, table, implementation, rows, instructions, allocations: whole numbers) as two tables.
+# Writes the counts (work, table, implementation, rows, instructions, allocations: whole numbers) as two tables, and
+# those of a hand-over's parts as a third.
 function head(title,    i) {
     printf "| %s |", title
     for (i = 1; i <= nameCount; i++) if (order[i] in present) printf " %s |", order[i]
@@ -7,6 +8,10 @@ function head(title,    i) {
     printf "\n"
 }
 BEGIN { FS = "\t"; nameCount = split("raw flat sqlitecpp qt vantry vantry-log", order, " ") }
+$1 ~ /^(store|fetch|visit)$/ {
+    parts[++partCount] = sprintf("| %s, %s | %.0f | %.2f |", $1, $2, $5 / $4, $6 / $4)
+    next
+}
 {
     key = $1 ", " $2
     if (!(key in seen)) { seen[key] = 1; keys[++count] = key }
@@ -38,4 +43,7 @@ END {
         }
         printf "\n"
     }
+    if (!partCount) exit
+    print "\n| a part of a hand-over, the library alone | instructions a row | allocations a row |\n|---|--:|--:|"
+    for (k = 1; k <= partCount; k++) print parts[k]
 }
