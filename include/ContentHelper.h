@@ -168,7 +168,8 @@ public:
     ///
     /// @param tables  in, out: the names are added to what is there.
     /// @return true when the database is sound and `tables` holds a name at the end; false without a
-    ///         connection, and when memory runs out.
+    ///         connection, and when memory does not suffice to list a name. Rows that it does not suffice to
+    ///         read are left out, with a line of the log.
     bool CheckValidTables(std::vector<std::string>& tables);
 
     /// @}
