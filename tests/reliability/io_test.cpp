@@ -135,10 +135,44 @@ struct Figures {
     int refusedButThere = 0;
 };
 
-// Runs a scenario for every fault with the first call of the kind failing, then the second, until none fails.
-Figures Sweep(const std::function<void(FailingCalls& calls, Figures& figures)>& scenario) {
+using Kinds = std::set<CallKind>;
+
+// The kinds of calls that reading makes of the system. A write-ahead log is made by whoever opens the database.
+Kinds ReadingKinds(const std::string& mode) {
+    Kinds kinds = {CallKind::Open, CallKind::Read, CallKind::Lock, CallKind::Unlock, CallKind::Stat};
+    if (mode == "WAL") {
+        kinds.insert({CallKind::Write, CallKind::Truncate, CallKind::Map});
+    }
+    return kinds;
+}
+
+// And writing: the modes differ in how a journal ends.
+Kinds WritingKinds(const std::string& mode) {
+    Kinds kinds = ReadingKinds(mode);
+    kinds.insert({CallKind::Write, CallKind::Sync});
+    if (mode == "DELETE") {
+        kinds.insert(CallKind::Remove);
+    } else if (mode == "TRUNCATE") {
+        kinds.insert(CallKind::Truncate);
+    }
+    return kinds;
+}
+
+// And writing and closing, which ends a write-ahead log.
+Kinds ClosingKinds(const std::string& mode) {
+    Kinds kinds = WritingKinds(mode);
+    if (mode == "WAL") {
+        kinds.insert(CallKind::Remove);
+    }
+    return kinds;
+}
+
+// Runs a scenario for every fault with the first call of the kind failing, then the second, until none fails. A kind
+// that is never met ends at once: those that the scenario must meet are named.
+Figures Sweep(const Kinds& required,
+              const std::function<void(FailingCalls& calls, Figures& figures)>& scenario) {
     Figures figures;
-    std::set<CallKind> met;
+    Kinds met;
     for (const Fault& fault : Faults()) {
         for (int number = 1;; ++number) {
             SCOPED_TRACE(Show(fault) + ", from call " + std::to_string(number));
@@ -163,9 +197,9 @@ Figures Sweep(const std::function<void(FailingCalls& calls, Figures& figures)>& 
             break;
         }
     }
-    EXPECT_THAT(met, Contains(CallKind::Open));
-    EXPECT_THAT(met, Contains(CallKind::Read));
-    EXPECT_THAT(met, Contains(CallKind::Lock));
+    for (const CallKind kind : required) {
+        EXPECT_EQ(met.count(kind), 1U) << "no " << NameOf(kind) << " was failed";
+    }
     return figures;
 }
 
@@ -325,7 +359,7 @@ protected:
 };
 
 TEST_P(Write, ClosedWhileCallsFail_IsThereWholeOrRefusedWhole) {
-    const Figures swept = Sweep([this](FailingCalls& calls, Figures& figures) {
+    const Figures swept = Sweep(ClosingKinds(GetParam()), [this](FailingCalls& calls, Figures& figures) {
         const TempDir dir;
         dir.Write("a.db", FilmsFile(GetParam(), "film "));
         const int openFiles = OpenFiles();
@@ -360,7 +394,7 @@ TEST_P(Write, ClosedWhileCallsFail_IsThereWholeOrRefusedWhole) {
 }
 
 TEST_P(Write, WhenCallsSucceedAgain_TheSameConnectionWrites) {
-    const Figures swept = Sweep([this](FailingCalls& calls, Figures& figures) {
+    const Figures swept = Sweep(WritingKinds(GetParam()), [this](FailingCalls& calls, Figures& figures) {
         const TempDir dir;
         dir.Write("a.db", FilmsFile(GetParam(), "film "));
         const int openFiles = OpenFiles();
@@ -455,7 +489,7 @@ class Copy : public testing::TestWithParam<const char*> {};
 TEST_P(Copy, BackupDB_IsWholeOrTheOlderOne_AndSaysWhich) {
     const Rows films = FilmsNamed("film ");
     for (const bool withOlder : {true, false}) {
-        const Figures swept = Sweep([&](FailingCalls& calls, Figures& figures) {
+        const Figures swept = Sweep(ClosingKinds(GetParam()), [&](FailingCalls& calls, Figures& figures) {
             const TempDir dir;
             const std::string file = dir.File("a.db");
             const std::string backup = file + ".sqlite";
@@ -504,7 +538,7 @@ TEST_P(Copy, BackupDB_IsWholeOrTheOlderOne_AndSaysWhich) {
 TEST_P(Copy, RestoreDB_IsWholeOrRefused_AndNeverTouchesTheBackup) {
     const Rows films = FilmsNamed("film ");
     const Rows saved = FilmsNamed("saved ");
-    const Figures swept = Sweep([&](FailingCalls& calls, Figures& figures) {
+    const Figures swept = Sweep(ClosingKinds(GetParam()), [&](FailingCalls& calls, Figures& figures) {
         const TempDir dir;
         const std::string file = dir.File("a.db");
         const std::string backup = file + ".sqlite";
@@ -580,7 +614,7 @@ TEST_P(Reading, SelectRequest_GivesTheBeginningOfTheResult_AndLogsWhenItIsNotAll
     for (const bool preload : {true, false}) {
         int none = 0;
         int shorter = 0;
-        const Figures swept = Sweep([&](FailingCalls& calls, Figures& figures) {
+        const Figures swept = Sweep(ReadingKinds(GetParam()), [&](FailingCalls& calls, Figures& figures) {
             const TempDir dir;
             dir.Write("a.db", FilmsFile(GetParam(), "film "));
             const int openFiles = OpenFiles();
@@ -628,7 +662,7 @@ TEST_P(Reading, SelectRequest_GivesTheBeginningOfTheResult_AndLogsWhenItIsNotAll
 
 TEST_P(Reading, IntegrityCheck_IsTrueOnlyWhenItReadEverything) {
     int untold = 0;
-    const Figures swept = Sweep([&](FailingCalls& calls, Figures& figures) {
+    const Figures swept = Sweep(ReadingKinds(GetParam()), [&](FailingCalls& calls, Figures& figures) {
         const TempDir dir;
         dir.Write("a.db", FilmsFile(GetParam(), "film "));
         const Sleeps sleeps;
