@@ -143,6 +143,34 @@ TEST_F(ThreadsOnConnection, ExcuteSQLAndIsOpenBesideOpenAndClose_AnswerOneOrTheO
     RecordProperty("refused", refused);
 }
 
+// What the switch remembers is for one caller to guard: one thread switches.
+TEST_F(ThreadsOnConnection, ForeignKeysSwitchedBesideExcuteSQLAndIsOpen_SwitchEachTime) {
+    std::string failure;
+    ASSERT_EQ(m_connection.ExcuteSQL("CREATE TABLE parents (id INTEGER PRIMARY KEY);"
+                                     "CREATE TABLE children (parent REFERENCES parents (id))",
+                                     failure),
+              0);
+    // Relaxed: what orders the threads is the connection's lock alone.
+    std::atomic<bool> ended{false};
+    InThreads([&](int number) {
+        std::string error;
+        for (int i = 0; number == 0 && i < 200; ++i) {
+            const bool enabled = i % 2 == 0;
+            m_connection.SetForeignKeyConstraintsEnabled(enabled);
+            const int orphan = m_connection.ExcuteSQL("INSERT INTO children VALUES (1)", error);
+            EXPECT_EQ(orphan != 0, enabled) << error;
+        }
+        if (number == 0) {
+            ended.store(true, std::memory_order_relaxed);
+        }
+        while (!ended.load(std::memory_order_relaxed)) {
+            EXPECT_TRUE(m_connection.IsOpen());
+            EXPECT_EQ(m_connection.ExcuteSQL("INSERT INTO t VALUES (1)", error), 0) << error;
+        }
+    });
+    EXPECT_EQ(m_connection.ExcuteSQL("DELETE FROM children", failure), 0);
+}
+
 TEST_F(ThreadsOnConnection, CloseDBInSeveral_ClosesOnce) {
     const support::MappedVfs vfs;
     CVantryConnection connection(m_dir.Path(), "a.db", 6);
