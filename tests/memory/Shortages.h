@@ -6,15 +6,21 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "../reliability/SystemCalls.h"
 #include "FailingNew.h"
 #include "Fixtures.h"
 #include "LogCapture.h"
 #include "SQLiteCursor.h"
+#include "SqliteFaults.h"
 #include "VantryConnection.h"
 
 // What the tests of a shortage of memory share: a database whose texts are all too long for a string itself, and the
@@ -58,25 +64,65 @@ inline void Exec(sqlite3* db, const std::string& sql) {
     ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
 }
 
-// An open connection to a database in memory with three rows.
+// Where a database is: in a file in one of these journal modes, or, without one, in memory.
+inline const std::vector<std::string> kJournals = {"", "DELETE", "WAL"};
+
+// An open connection to a database with three rows.
 class Database {
 public:
-    Database() {
+    explicit Database(const std::string& journal = "") {
+        if (!journal.empty()) {
+            withoutSyncs.emplace(false);
+            directory.emplace();
+            std::filesystem::copy_file(Made(journal), directory->File(kFileName));
+            connection.m_dbPath = directory->Path();
+            connection.m_dbName = kFileName;
+        }
         EXPECT_EQ(connection.OpenOperation(), 0);
-        Exec(Handle(), "CREATE TABLE " + kTable + " (" + kName + " TEXT UNIQUE, " + kNote + " TEXT)");
-        Exec(Handle(), "INSERT INTO " + kTable +
-                           " VALUES ('the first row of the table', 'the note of the first row'),"
-                           " ('the second row of the table', 'the note of the second row'),"
-                           " ('the third row of the table', 'the note of the third row')");
+        if (journal.empty()) {
+            Exec(Handle(), kThreeRows);
+        }
     }
 
     sqlite3* Handle() const { return connection.m_pDB; }
     std::vector<std::string> All() const {
         return Rows(Handle(), "SELECT * FROM " + kTable + " ORDER BY rowid");
     }
+    // The rows as another connection finds them in the file, which must be sound.
+    std::vector<std::string> Stored() const {
+        if (!directory.has_value()) {
+            return All();
+        }
+        support::RawDb db(directory->File(kFileName));
+        EXPECT_THAT(db.Query("PRAGMA integrity_check"), ::testing::ElementsAre("ok"));
+        return db.Query("SELECT * FROM " + kTable + " ORDER BY rowid");
+    }
     bool HasStatements() const { return sqlite3_next_stmt(Handle(), nullptr) != nullptr; }
 
+    // What is tested is memory: nothing waits for the disk.
+    std::optional<reliability::SystemCalls> withoutSyncs;
+    std::optional<support::TempDir> directory;
     OpenConnection connection{"", ":memory:", 6};
+
+private:
+    // The file that is copied, made once for each journal mode.
+    static std::string Made(const std::string& journal) {
+        static const support::TempDir files;
+        const std::string path = files.File(journal + ".db");
+        if (!std::filesystem::exists(path)) {
+            support::RawDb db(path);
+            db.Exec("PRAGMA journal_mode = " + journal);
+            db.Exec(kThreeRows);
+        }
+        return path;
+    }
+
+    static inline const std::string kFileName = "short.db";
+    static inline const std::string kThreeRows =
+        "CREATE TABLE " + kTable + " (" + kName + " TEXT UNIQUE, " + kNote + " TEXT); INSERT INTO " + kTable +
+        " VALUES ('the first row of the table', 'the note of the first row'),"
+        " ('the second row of the table', 'the note of the second row'),"
+        " ('the third row of the table', 'the note of the third row')";
 };
 
 inline const std::string kRow1 = "the first row of the table|the note of the first row";
@@ -200,15 +246,56 @@ inline int Sweep(const std::vector<std::string>& loggers, const Scenario& scenar
     return count;
 }
 
-// SQLite's allocations.
-inline int SweepSqlite(const Scenario& scenario) {
+// The names of exported operations; every_operation.sh looks for the ones that stand in no sweep.
+class Operations {
+public:
+    Operations(std::initializer_list<const char*> names) {
+        for (const char* const name : names) {
+            m_text += (m_text.empty() ? "" : ", ") + std::string(name);
+        }
+    }
+    const std::string& Text() const { return m_text; }
+
+private:
+    std::string m_text;
+};
+
+// SQLite's allocations. What SQLite has afterwards is what it had before.
+inline int SweepSqlite(const Operations& operations, const Scenario& scenario,
+                       const std::vector<Shortage>& shortages = {Shortage::OneOfSqlite,
+                                                                 Shortage::AllOfSqlite}) {
+    sqlite3_initialize();
     int count = 0;
-    for (const Shortage shortage : {Shortage::OneOfSqlite, Shortage::AllOfSqlite}) {
-        SCOPED_TRACE(shortage == Shortage::OneOfSqlite ? "one of SQLite's allocations fails"
-                                                       : "all of SQLite's allocations fail from one on");
-        count = SweepOne(shortage, scenario, [](const Attempt& /*attempt*/) {});
+    for (const Shortage shortage : shortages) {
+        SCOPED_TRACE(operations.Text() + (shortage == Shortage::OneOfSqlite
+                                              ? ": one of SQLite's allocations fails"
+                                              : ": all of SQLite's allocations fail from one on"));
+        count = SweepOne(
+            shortage,
+            [&scenario](Attempt& attempt) {
+                const sqlite3_int64 before = sqlite3_memory_used();
+                scenario(attempt);
+                EXPECT_EQ(sqlite3_memory_used(), before);
+            },
+            [](const Attempt& /*attempt*/) {});
     }
     return count;
+}
+
+// The same for an operation on a database, in memory and in files: those need memory for their pages and journals.
+inline void SweepJournals(const Operations& operations,
+                          const std::function<void(const std::string& journal, Attempt& attempt)>& scenario) {
+    int inMemory = 0;
+    for (const std::string& journal : kJournals) {
+        SCOPED_TRACE(journal.empty() ? "in memory" : journal);
+        const int count = SweepSqlite(operations, [&](Attempt& attempt) { scenario(journal, attempt); });
+        if (journal.empty()) {
+            inMemory = count;
+            EXPECT_GE(count, 1);
+        } else {
+            EXPECT_GT(count, inMemory);
+        }
+    }
 }
 
 // An operation that needs no memory of the library's own.
@@ -229,10 +316,40 @@ inline std::vector<std::string> Walk(ISQLiteCursor& cursor) {
     return rows;
 }
 
+// A live cursor over the three rows.
+class Result {
+public:
+    explicit Result(const std::string& columns = "*", const std::string& journal = "")
+        : database(journal),
+          cursor(database.Handle(), support::Prepare(database.Handle(), "SELECT " + columns + " FROM " +
+                                                                            kTable + " ORDER BY rowid")) {}
+
+    // The current row, a value that is not there as "-14".
+    std::string Row() {
+        std::string first;
+        std::string second;
+        const int firstResult = cursor.GetStringData(0, first);
+        const int secondResult = cursor.GetStringData(1, second);
+        return (firstResult == 0 ? first : std::to_string(firstResult)) + "|" +
+               (secondResult == 0 ? second : std::to_string(secondResult));
+    }
+
+    Database database;
+    support::OpenCursor cursor;
+};
+
 // A row, also with values that are not there.
 inline ::testing::Matcher<std::string> RowOrGaps(const std::string& row) {
     const auto bar = row.find('|');
     return ::testing::AnyOf(row, "-14" + row.substr(bar), row.substr(0, bar) + "|-14", "-14|-14");
+}
+
+// Kept: a target that could not be opened leaves its handle behind, the last one that was opened.
+inline void CloseLeftTarget(const support::SqliteFaults& sqlite, int closes) {
+    const auto opened = sqlite.Opened();
+    if (opened.size() == 2 && sqlite.Calls("sqlite3_close") < closes && opened.back().handle != nullptr) {
+        sqlite3_close(opened.back().handle);
+    }
 }
 
 }  // namespace shortage

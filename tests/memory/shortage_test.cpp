@@ -149,7 +149,7 @@ TEST(ConnectionShortage, OpenOperation_FailsAndOpensLater) {
 }
 
 TEST(ConnectionShortage, OpenOperation_WithoutSqlitesMemoryFailsAndOpensLater) {
-    const int count = SweepSqlite([](Attempt& attempt) {
+    const int count = SweepSqlite(Operations{"OpenOperation"}, [](Attempt& attempt) {
         const TempDir directory;
         OpenConnection connection(directory.Path(), "short.db", 6);
         int result = 1;
@@ -265,23 +265,24 @@ TEST(ConnectionShortage, ExcuteSQL_OfGoodSqlNeedsNoMemory) {
 TEST(ConnectionShortage, ExcuteSQL_WithoutSqlitesMemoryRunsWholeOrNotAtAll) {
     const std::string sql =
         "INSERT INTO " + kTable + " VALUES ('the new row of the table', 'the note of the new row')";
-    const int count = SweepSqlite([&sql](Attempt& attempt) {
-        Database database;
-        int result = 1;
-        std::string error;
-        attempt.Run([&] { result = database.connection.ExcuteSQL(sql, error); });
-        if (result == 0) {
-            EXPECT_THAT(database.All(), ElementsAre(kRow1, kRow2, kRow3, kNewRow));
-            return;
-        }
-        EXPECT_GT(attempt.Failed(), 0);
-        EXPECT_EQ(result, -12);
-        EXPECT_EQ(error, "out of memory");
-        EXPECT_THAT(database.All(), ElementsAre(kRow1, kRow2, kRow3));
-        EXPECT_EQ(database.connection.ExcuteSQL(sql, error), 0);
-        EXPECT_THAT(database.All(), ElementsAre(kRow1, kRow2, kRow3, kNewRow));
-    });
-    EXPECT_GE(count, 1);
+    using Execute = int (CVantryConnection::*)(const std::string&, std::string&);
+    for (const Execute execute : {&CVantryConnection::ExcuteSQL, &CVantryConnection::ExcuteSQLInner}) {
+        SweepJournals(Operations{"ExcuteSQL", "ExcuteSQLInner"},
+                      [&](const std::string& journal, Attempt& attempt) {
+                          Database database(journal);
+                          int result = 1;
+                          std::string error;
+                          attempt.Run([&] { result = (database.connection.*execute)(sql, error); });
+                          if (result != 0) {
+                              EXPECT_GT(attempt.Failed(), 0);
+                              EXPECT_EQ(result, -12);
+                              EXPECT_EQ(error, "out of memory");
+                              EXPECT_THAT(database.Stored(), ElementsAre(kRow1, kRow2, kRow3));
+                              EXPECT_EQ((database.connection.*execute)(sql, error), 0);
+                          }
+                          EXPECT_THAT(database.Stored(), ElementsAre(kRow1, kRow2, kRow3, kNewRow));
+                      });
+    }
 }
 
 TEST(ConnectionShortage, PrepareCMD_LosesOnlyTheTextOfAnError) {
@@ -306,7 +307,7 @@ TEST(ConnectionShortage, PrepareCMD_LosesOnlyTheTextOfAnError) {
 
 TEST(ConnectionShortage, PrepareCMD_WithoutSqlitesMemoryGivesNoStatement) {
     const std::string sql = "SELECT * FROM " + kTable;
-    const int count = SweepSqlite([&sql](Attempt& attempt) {
+    const int count = SweepSqlite(Operations{"PrepareCMD"}, [&sql](Attempt& attempt) {
         Database database;
         int result = 1;
         std::string error;
@@ -369,7 +370,7 @@ TEST(ConnectionShortage, PrepareBindStatement_WithoutSqlitesMemoryLogsWhatIsNotB
     const std::string sql = "SELECT ?, ?";
     const std::vector<std::string> arguments = {"the first of the arguments", "the second of the arguments"};
     int unbound = 0;
-    SweepSqlite([&](Attempt& attempt) {
+    SweepSqlite(Operations{"PrepareBindStatement"}, [&](Attempt& attempt) {
         Database database;
         int result = 1;
         std::string error;
@@ -460,7 +461,7 @@ TEST(ConnectionShortage, IntegrityCheck_OfASoundDatabaseNeedsNoMemory) {
 
 TEST(ConnectionShortage, IntegrityCheck_WithoutSqlitesMemoryIsLoggedWhenItFails) {
     int failures = 0;
-    SweepSqlite([&failures](Attempt& attempt) {
+    SweepSqlite(Operations{"IntegrityCheck"}, [&failures](Attempt& attempt) {
         Database database;
         bool sound = false;
         attempt.Run([&] { sound = database.connection.IntegrityCheck(); });
@@ -478,7 +479,7 @@ TEST(ConnectionShortage, IntegrityCheck_WithoutSqlitesMemoryIsLoggedWhenItFails)
 // In a database of UTF-16 SQLite turns its answer into UTF-8, for which memory may not suffice.
 TEST(ConnectionShortage, IntegrityCheck_WithoutSqlitesMemoryForItsAnswerIsNotSound) {
     int withoutText = 0;
-    SweepSqlite([&withoutText](Attempt& attempt) {
+    SweepSqlite(Operations{"IntegrityCheck"}, [&withoutText](Attempt& attempt) {
         OpenConnection connection("", ":memory:", 6);
         ASSERT_EQ(connection.OpenOperation(), 0);
         Exec(connection.m_pDB, "PRAGMA encoding = 'UTF-16'; CREATE TABLE t (a)");
@@ -668,8 +669,8 @@ TEST_P(SelectShortage, Cursor_IsNullOrHoldsTheRowsReadSoFar) {
 
 TEST_P(SelectShortage, Cursor_WithoutSqlitesMemoryIsNullOrHoldsTheRowsReadSoFar) {
     int none = 0;
-    SweepSqlite([&](Attempt& attempt) {
-        Database database;
+    SweepJournals(Operations{"SelectRequest"}, [&](const std::string& journal, Attempt& attempt) {
+        Database database(journal);
         std::shared_ptr<ISQLiteCursor> cursor;
         attempt.Run([&] { cursor = GetParam().select(database.connection); });
         if (!cursor) {
@@ -690,6 +691,9 @@ TEST_P(SelectShortage, Cursor_WithoutSqlitesMemoryIsNullOrHoldsTheRowsReadSoFar)
         cursor = GetParam().select(database.connection);
         ASSERT_NE(cursor, nullptr);
         EXPECT_THAT(Walk(*cursor), ElementsAre(kRow1, kRow2, kRow3));
+        cursor = database.connection.SelectRequest(kTable, {kNote}, kWhereFirst, "");
+        ASSERT_NE(cursor, nullptr);
+        EXPECT_EQ(cursor->MoveNextStep(), 0);
     });
     EXPECT_GE(none, 1);
 }
@@ -766,12 +770,13 @@ int SweepWrite(const std::vector<std::string>& loggers, const std::string& runne
     });
 }
 
-// The same with SQLite's allocations. `failures` are the codes of a write that was not made. A column may be written
-// as NULL only where the log tells that it was not bound: kept, a failed bind does not stop the write.
-int SweepWriteOfSqlite(const std::vector<int>& failures, const Write& write,
-                       const std::vector<std::string>& after) {
-    return SweepSqlite([&](Attempt& attempt) {
-        Database database;
+// The same with SQLite's allocations, in memory and in files. `failures` are the codes of a write that was not made. A
+// column may be written as NULL only where the log tells that it was not bound: kept, a failed bind does not stop the
+// write.
+void SweepWriteOfSqlite(const Operations& operations, const std::vector<int>& failures, const Write& write,
+                        const std::vector<std::string>& after) {
+    SweepJournals(operations, [&](const std::string& journal, Attempt& attempt) {
+        Database database(journal);
         int result = 1;
         attempt.Run([&] { result = write(database.connection); });
         int unbound = 0;
@@ -779,13 +784,15 @@ int SweepWriteOfSqlite(const std::vector<int>& failures, const Write& write,
             unbound += attempt.Count("I PrepareBindStatement > [bind index" + std::string(index) +
                                      "] sqlite3_bind_text() has an error : out of memory");
         }
+        const std::vector<std::string> stored = database.Stored();
+        EXPECT_EQ(database.All(), stored);
         if (result != 0) {
             EXPECT_GT(attempt.Failed(), 0);
             EXPECT_THAT(failures, ::testing::Contains(result));
             EXPECT_TRUE(attempt.HasInfoLine());
-            EXPECT_THAT(database.All(), ElementsAre(kRow1, kRow2, kRow3));
+            EXPECT_THAT(stored, ElementsAre(kRow1, kRow2, kRow3));
         } else if (unbound == 0) {
-            EXPECT_EQ(database.All(), after);
+            EXPECT_EQ(stored, after);
         }
         Exec(database.Handle(), "DELETE FROM " + kTable +
                                     "; INSERT INTO a_table_with_a_long_name VALUES"
@@ -793,7 +800,7 @@ int SweepWriteOfSqlite(const std::vector<int>& failures, const Write& write,
                                     " ('the second row of the table', 'the note of the second row'),"
                                     " ('the third row of the table', 'the note of the third row')");
         EXPECT_EQ(write(database.connection), 0);
-        EXPECT_EQ(database.All(), after);
+        EXPECT_EQ(database.Stored(), after);
     });
 }
 
@@ -826,10 +833,12 @@ TEST(ConnectionShortage, Inserts_OfMoreEntriesThanAreCountedWriteAWholeRowOrNone
 
 TEST(ConnectionShortage, Inserts_WithoutSqlitesMemoryWriteAWholeRowOrSayWhatIsNotBound) {
     const NewRow row;
-    EXPECT_GE(SweepWriteOfSqlite(
-                  {-12, kUnknown}, [&row](CVantryConnection& c) { return c.InsertRequest(kTable, row); },
-                  kAfterInsert),
-              1);
+    SweepWriteOfSqlite(
+        Operations{"InsertRequest"}, {-12, kUnknown},
+        [&row](CVantryConnection& c) { return c.InsertRequest(kTable, row); }, kAfterInsert);
+    SweepWriteOfSqlite(
+        Operations{"InsertWithOnConflict"}, {-12, kUnknown},
+        [&row](CVantryConnection& c) { return c.InsertWithOnConflict(kTable, row, 5); }, kAfterInsert);
 }
 
 TEST(ConnectionShortage, InsertRequest_KeepsTheCodeOfAViolatedConstraint) {
@@ -943,20 +952,28 @@ TEST(ConnectionShortage, UpdatesWithArguments_WriteEveryColumnOrNone) {
     }
 }
 
+// Only the arguments' copies are not the library's: SQLite's shortage does not touch them.
 TEST(ConnectionShortage, Updates_WithoutSqlitesMemoryWriteEveryColumnOrSayWhatIsNotBound) {
     const NewRow row;
-    EXPECT_GE(SweepWriteOfSqlite(
-                  {-12}, [&row](CVantryConnection& c) { return c.UpdateRequest(kTable, row, kWhereFirst); },
-                  kAfterUpdate),
-              1);
-    EXPECT_GE(SweepWriteOfSqlite(
-                  {-22, SQLITE_NOMEM},
-                  [&row](CVantryConnection& c) {
-                      // Only the arguments' copies are not the library's: SQLite's shortage does not touch them.
-                      return c.UpdateRequest(kTable, row, kWhereArgument, kFirstArguments);
-                  },
-                  kAfterUpdate),
-              1);
+    SweepWriteOfSqlite(
+        Operations{"UpdateRequest"}, {-12},
+        [&row](CVantryConnection& c) { return c.UpdateRequest(kTable, row, kWhereFirst); }, kAfterUpdate);
+    SweepWriteOfSqlite(
+        Operations{"UpdateRequest"}, {-22, SQLITE_NOMEM},
+        [&row](CVantryConnection& c) {
+            return c.UpdateRequest(kTable, row, kWhereArgument, kFirstArguments);
+        },
+        kAfterUpdate);
+    SweepWriteOfSqlite(
+        Operations{"UpdateWithOnConflict"}, {-12},
+        [&row](CVantryConnection& c) { return c.UpdateWithOnConflict(kTable, row, kWhereFirst, 5); },
+        kAfterUpdate);
+    SweepWriteOfSqlite(
+        Operations{"UpdateWithOnConflict"}, {-22, SQLITE_NOMEM},
+        [&row](CVantryConnection& c) {
+            return c.UpdateWithOnConflict(kTable, row, kWhereArgument, kFirstArguments, 5);
+        },
+        kAfterUpdate);
 }
 
 TEST(ConnectionShortage, UpdateRequest_KeepsTheCodeOfAnError) {
@@ -1007,16 +1024,13 @@ TEST(ConnectionShortage, Deletes_DeleteTheRightRowsOrNone) {
 }
 
 TEST(ConnectionShortage, Deletes_WithoutSqlitesMemoryDeleteTheRightRowsOrNone) {
-    EXPECT_GE(
-        SweepWriteOfSqlite(
-            {-12}, [](CVantryConnection& c) { return c.DeleteRequest(kTable, kWhereFirst); }, kAfterDelete),
-        1);
-    EXPECT_GE(
-        SweepWriteOfSqlite(
-            {-22, SQLITE_NOMEM},
-            [](CVantryConnection& c) { return c.DeleteRequest(kTable, kWhereArgument, kFirstArguments); },
-            kAfterDelete),
-        1);
+    SweepWriteOfSqlite(
+        Operations{"DeleteRequest"}, {-12},
+        [](CVantryConnection& c) { return c.DeleteRequest(kTable, kWhereFirst); }, kAfterDelete);
+    SweepWriteOfSqlite(
+        Operations{"DeleteRequest"}, {-22, SQLITE_NOMEM},
+        [](CVantryConnection& c) { return c.DeleteRequest(kTable, kWhereArgument, kFirstArguments); },
+        kAfterDelete);
 }
 
 // ---- Files ------------------------------------------------------------------------------------------------------
@@ -1064,27 +1078,6 @@ TEST(ConnectionShortage, CopyDBFile_NeedsNoMemoryBesidesItsArguments) {
 }
 
 // ---- Cursor: moving ---------------------------------------------------------------------------------------------
-
-// A live cursor over the three rows.
-class Result {
-public:
-    explicit Result(const std::string& columns = "*")
-        : cursor(database.Handle(), support::Prepare(database.Handle(), "SELECT " + columns + " FROM " +
-                                                                            kTable + " ORDER BY rowid")) {}
-
-    // The current row, a value that is not there as "-14".
-    std::string Row() {
-        std::string first;
-        std::string second;
-        const int firstResult = cursor.GetStringData(0, first);
-        const int secondResult = cursor.GetStringData(1, second);
-        return (firstResult == 0 ? first : std::to_string(firstResult)) + "|" +
-               (secondResult == 0 ? second : std::to_string(secondResult));
-    }
-
-    Database database;
-    OpenCursor cursor;
-};
 
 const std::vector<std::string> kCursorLoggers = {"MoveNextStep", "AddRowCache", "AddColumnCache"};
 
@@ -1181,29 +1174,10 @@ TEST(CursorShortage, MoveNextStep_LeavesOutTheRowThatItHadNoMemoryFor) {
     EXPECT_GE(gaps, 1);
 }
 
-TEST(CursorShortage, MoveNextStep_WithoutSqlitesMemoryGivesARowOrACode) {
-    const int count = SweepSqlite([](Attempt& attempt) {
-        // A value made by the step, and one that SQLite must bring into another encoding.
-        Result result("upper(a_column_with_a_long_name), a_second_column_with_a_long_name");
-        int code = 1;
-        attempt.Run([&] { code = result.cursor.MoveNextStep(); });
-        if (code == 0) {
-            EXPECT_THAT(result.Row(), RowOrGaps("THE FIRST ROW OF THE TABLE|the note of the first row"));
-        } else {
-            EXPECT_THAT(code, AnyOf(-12, SQLITE_NOMEM));
-            EXPECT_TRUE(attempt.HasInfoLine());
-            EXPECT_TRUE(result.cursor.IsEmpty());
-            EXPECT_EQ(result.cursor.MoveFirstStep(), 0);
-            EXPECT_EQ(result.Row(), "THE FIRST ROW OF THE TABLE|the note of the first row");
-        }
-    });
-    EXPECT_GE(count, 1);
-}
-
 // SQLite keeps a name as it was asked for last, and turns it back when it is asked for otherwise.
 TEST(CursorShortage, FirstMoveNextStep_WithoutSqlitesMemoryForANameGivesNoRow) {
     int nameless = 0;
-    SweepSqlite([&nameless](Attempt& attempt) {
+    SweepSqlite(Operations{"MoveNextStep"}, [&nameless](Attempt& attempt) {
         Database database;
         sqlite3_stmt* const statement =
             support::Prepare(database.Handle(), "SELECT 1 AS first, 2 AS a_column_with_a_long_name");
@@ -1286,7 +1260,7 @@ TEST(CursorShortage, MoveLastStep_GoesOnWithTheNextRow) {
     EXPECT_GE(fewer, 5);
 }
 
-// From the second allocation on: the first is the cache, without which there is no row to go on with.
+// The first allocation is the cache, without which there is no row to go on with.
 TEST(CursorShortage, FirstMoveLastStep_Ends) {
     const int count = Sweep(kCursorLoggers, [](Attempt& attempt) {
         Result result;
