@@ -347,7 +347,7 @@ inline ::testing::Matcher<std::string> RowOrGaps(const std::string& row) {
 // Kept: a target that could not be opened leaves its handle behind, the last one that was opened.
 inline void CloseLeftTarget(const support::SqliteFaults& sqlite, int closes) {
     const auto opened = sqlite.Opened();
-    if (opened.size() == 2 && sqlite.Calls("sqlite3_close") < closes && opened.back().handle != nullptr) {
+    if (opened.size() == 2 && sqlite.Calls("sqlite3_close") < closes && opened.back().code != SQLITE_OK) {
         sqlite3_close(opened.back().handle);
     }
 }

@@ -479,7 +479,7 @@ Rows FilmsNamed(const std::string& title) {
 // Kept: a target that could not be opened leaves its handle behind; the one that the copy opened last.
 void CloseLeftTarget(const SqliteFaults& sqlite, std::size_t opens, int closes) {
     const auto opened = sqlite.Opened();
-    if (opened.size() == opens && sqlite.Calls("sqlite3_close") < closes) {
+    if (opened.size() == opens && sqlite.Calls("sqlite3_close") < closes && opened.back().code != SQLITE_OK) {
         sqlite3_close(opened.back().handle);
     }
 }

@@ -106,7 +106,7 @@ int sqlite3_open_v2(const char* name, sqlite3** db, int flags, const char* vfs) 
         const support::TestSide here;
         const std::lock_guard<std::mutex> guard(g_mutex);
         if (TheState().active) {
-            TheState().opened.push_back({name, flags, vfs != nullptr, *db});
+            TheState().opened.push_back({name, flags, vfs != nullptr, *db, code});
         }
     }
     return code;

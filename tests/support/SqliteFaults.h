@@ -8,12 +8,14 @@
 
 namespace support {
 
-// A call of sqlite3_open_v2 that was not answered by the tests: what it was given, and the handle that it gave.
+// A call of sqlite3_open_v2 that was not answered by the tests: what it was given, the handle that it gave, and its
+// answer.
 struct OpenedDb {
     std::string path;
     int flags;
     bool namesVfs;
     sqlite3* handle;
+    int code;
 };
 
 // Counts the library's calls of SQLite while it lives, and answers some of them itself. Calls are named as SQLite
