@@ -49,8 +49,8 @@ public:
     ///
     /// Kept: a first call that fails leaves the cursor without column names; MoveFirstStep() starts afresh.
     ///
-    /// Kept: after -34 a cursor with a live statement starts the statement over, and appends the result's
-    /// rows a second time.
+    /// Kept: after -34, and after a step that failed, a cursor with a live statement starts the statement
+    /// over, and appends the result's rows a second time.
     ///
     /// Kept: a row that was evicted from the cache (see CSQLiteCursorCache) is not filled again: the call
     /// returns 100, or -14 without a statement, and the cursor stays where it was. A live statement has been
