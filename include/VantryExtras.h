@@ -704,8 +704,9 @@ public:
 
     /// Tells whether the transaction began.
     ///
-    /// @return 0; -22 for a connection without a handle, -16 when the database stayed busy, -12 when memory ran
-    ///         out, else the mapped code. After a CBulkInsert met the end of its transaction (see there), the code of that.
+    /// @return 0; -22 for a connection without a handle, -16 when the database stayed busy, -12 when memory
+    ///         ran out, else the mapped code. After a CBulkInsert met the end of its transaction (see there),
+    ///         the code of that.
     int Result() const { return m_result; }
 
     /// Commits.
