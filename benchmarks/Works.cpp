@@ -48,8 +48,7 @@ void SettleHeap() {
 
 }  // namespace bench
 
-// Takes the place of the platform's.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier): it takes the place of the platform's
 extern "C" int __dlog_print(log_id_t /*log_id*/, int /*priority*/, const char* /*tag*/, const char* format,
                             ...) {
     if (!bench::formatLogLines) {

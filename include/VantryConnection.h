@@ -73,8 +73,8 @@ protected:
 /// then it gives up. The steps of IntegrityCheck() and CopyDBFile() do not wait.
 ///
 /// Threads: OpenOperation(), IsOpen(), CloseOperation() (so CloseDB() and the destructor too) and ExcuteSQL()
-/// (so SetForeignKeyConstraintsEnabled() too) take the connection's lock. No other operation does: callers
-/// that share a connection between threads serialise those themselves.
+/// (so the statement of SetForeignKeyConstraintsEnabled() too) take the connection's lock. No other operation
+/// does: callers that share a connection between threads serialise those themselves.
 ///
 /// Memory: no operation throws. One that runs out of memory logs it and fails in its own way: -12 or -22,
 /// null, false or an empty text.
@@ -229,7 +229,8 @@ public:
     /// Switches foreign keys on or off when that differs from the last switch; a new connection counts as
     /// switched off.
     ///
-    /// Threads: takes the lock for the switch itself; what it remembers is for the caller to guard.
+    /// Threads: takes the lock for the statement alone. What it remembers, and the handle that it looks at before
+    /// and, for a message, after, are for the caller to guard: no other switch and no close beside it.
     ///
     /// Kept: a failed switch is remembered as done, and the last switch across a close and an open, where
     /// SQLite starts anew.

@@ -33,8 +33,8 @@
 /// Threads: one thread uses an object at a time.
 
 /// @cond
-// The platform's bundle, declared ahead as its own header declares it; that header may come before this one,
-// after it, or not at all. NOLINTBEGIN(readability-redundant-declaration)
+// The platform's bundle, declared ahead as its own header declares it.
+// NOLINTBEGIN(readability-redundant-declaration): that header may come before this one, after it, or not at all
 extern "C" {
 VANTRY_API _bundle_t* bundle_create(void);
 VANTRY_API int bundle_free(_bundle_t* b);

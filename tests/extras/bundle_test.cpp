@@ -307,13 +307,13 @@ TEST_F(Bundle, Moved_TakesColumnsAndResult) {
     bundle* const before = first.Get();
     CBundle second(std::move(first));
     EXPECT_EQ(second.Get(), before);
-    EXPECT_EQ(first.Get(), nullptr);  // NOLINT(bugprone-use-after-move): what it is afterwards is told
+    EXPECT_EQ(first.Get(), nullptr);  // NOLINT(bugprone-use-after-move): what it is is told
     EXPECT_EQ(first.Result(), 0);
     EXPECT_EQ(first.Put("b", 2), 0);
     first.Put("c", nullptr);
     second = std::move(first);
     EXPECT_EQ(second.Result(), -22);
-    EXPECT_EQ(first.Result(), 0);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(first.Result(), 0);  // NOLINT(bugprone-use-after-move): what it is is told
     EXPECT_EQ(first.Get(), nullptr);
 }
 
@@ -322,7 +322,7 @@ TEST_F(Bundle, MovedAfterAFailure_TakesTheFailure) {
     first.Put("a", nullptr);
     const CBundle second(std::move(first));
     EXPECT_EQ(second.Result(), -22);
-    EXPECT_EQ(first.Result(), 0);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(first.Result(), 0);  // NOLINT(bugprone-use-after-move): what it is is told
 }
 
 TEST_F(Bundle, MovedOntoItself_StaysAsItIs) {

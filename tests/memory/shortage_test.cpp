@@ -770,19 +770,37 @@ int SweepWrite(const std::vector<std::string>& loggers, const std::string& runne
     });
 }
 
+// `after` where `nulls` of the values that were written are NULL.
+::testing::Matcher<std::vector<std::string>> WithNulls(const std::vector<std::string>& after, int nulls) {
+    std::vector<::testing::Matcher<std::string>> rows;
+    for (const std::string& row : after) {
+        if (row != kNewRow || nulls == 0) {
+            rows.emplace_back(row);
+        } else if (nulls == 1) {
+            rows.emplace_back(AnyOf("NULL|the note of the new row", "the new row of the table|NULL"));
+        } else {
+            rows.emplace_back("NULL|NULL");
+        }
+    }
+    return ElementsAreArray(rows);
+}
+
 // The same with SQLite's allocations, in memory and in files. `failures` are the codes of a write that was not made. A
 // column may be written as NULL only where the log tells that it was not bound: kept, a failed bind does not stop the
-// write.
+// write. Where it was the where clause's argument, number `where`, no row is met.
 void SweepWriteOfSqlite(const Operations& operations, const std::vector<int>& failures, const Write& write,
-                        const std::vector<std::string>& after) {
+                        const std::vector<std::string>& after, int where = 0) {
     SweepJournals(operations, [&](const std::string& journal, Attempt& attempt) {
         Database database(journal);
         int result = 1;
         attempt.Run([&] { result = write(database.connection); });
         int unbound = 0;
-        for (const char* index : {"1", "2", "3"}) {
-            unbound += attempt.Count("I PrepareBindStatement > [bind index" + std::string(index) +
-                                     "] sqlite3_bind_text() has an error : out of memory");
+        bool unboundWhere = false;
+        for (const int index : {1, 2, 3}) {
+            const int count = attempt.Count("I PrepareBindStatement > [bind index" + std::to_string(index) +
+                                            "] sqlite3_bind_text() has an error : out of memory");
+            unbound += index != where ? count : 0;
+            unboundWhere = unboundWhere || (index == where && count > 0);
         }
         const std::vector<std::string> stored = database.Stored();
         EXPECT_EQ(database.All(), stored);
@@ -790,9 +808,11 @@ void SweepWriteOfSqlite(const Operations& operations, const std::vector<int>& fa
             EXPECT_GT(attempt.Failed(), 0);
             EXPECT_THAT(failures, ::testing::Contains(result));
             EXPECT_TRUE(attempt.HasInfoLine());
+        }
+        if (result != 0 || unboundWhere) {
             EXPECT_THAT(stored, ElementsAre(kRow1, kRow2, kRow3));
-        } else if (unbound == 0) {
-            EXPECT_EQ(stored, after);
+        } else {
+            EXPECT_THAT(stored, WithNulls(after, unbound));
         }
         Exec(database.Handle(), "DELETE FROM " + kTable +
                                     "; INSERT INTO a_table_with_a_long_name VALUES"
@@ -963,7 +983,7 @@ TEST(ConnectionShortage, Updates_WithoutSqlitesMemoryWriteEveryColumnOrSayWhatIs
         [&row](CVantryConnection& c) {
             return c.UpdateRequest(kTable, row, kWhereArgument, kFirstArguments);
         },
-        kAfterUpdate);
+        kAfterUpdate, 3);
     SweepWriteOfSqlite(
         Operations{"UpdateWithOnConflict"}, {-12},
         [&row](CVantryConnection& c) { return c.UpdateWithOnConflict(kTable, row, kWhereFirst, 5); },
@@ -973,7 +993,7 @@ TEST(ConnectionShortage, Updates_WithoutSqlitesMemoryWriteEveryColumnOrSayWhatIs
         [&row](CVantryConnection& c) {
             return c.UpdateWithOnConflict(kTable, row, kWhereArgument, kFirstArguments, 5);
         },
-        kAfterUpdate);
+        kAfterUpdate, 3);
 }
 
 TEST(ConnectionShortage, UpdateRequest_KeepsTheCodeOfAnError) {
@@ -1030,7 +1050,7 @@ TEST(ConnectionShortage, Deletes_WithoutSqlitesMemoryDeleteTheRightRowsOrNone) {
     SweepWriteOfSqlite(
         Operations{"DeleteRequest"}, {-22, SQLITE_NOMEM},
         [](CVantryConnection& c) { return c.DeleteRequest(kTable, kWhereArgument, kFirstArguments); },
-        kAfterDelete);
+        kAfterDelete, 1);
 }
 
 // ---- Files ------------------------------------------------------------------------------------------------------
