@@ -41,7 +41,7 @@ case_busy() {
     films f.db
     cp f.db f.db.sqlite
     local before
-    before=$(state . | grep f.db)
+    before=$(state . "f.db*")
     hold "$work/f.db" "BEGIN EXCLUSIVE;"
     ctl check f.db
     equal "$code" 1 "the exit code of a busy database"
@@ -57,7 +57,7 @@ case_busy() {
     equal "$code" 1 "the exit code of the restore of a busy database"
     has "$err" "is busy" "standard error of the restore"
     release
-    equal "$(state . | grep f.db)" "$before" "the database and its side file"
+    equal "$(state . "f.db*")" "$before" "the database and its side file"
     ctl check f.db
     equal "$code" 0 "the exit code when nobody holds it any more"
     # Readers do not disturb.
@@ -170,17 +170,17 @@ case_restore_refuses() {
     touch -d 2020-01-02T03:04:05Z m.db.sqlite
     sqlite3 m.db "INSERT INTO many VALUES (9999, 'new')"
     local before
-    before=$(state . | grep m.db)
+    before=$(state . "m.db*")
     ctl restore m.db
     equal "$code" 1 "the exit code for a sound database"
     has "$err" "vantryctl: not restored: m.db is sound, and what was written to it after 2020-01-02 03:04:05 would be lost (--force" \
         "standard error for a sound database"
     has "$out" "many       3001              3000" "the rows that would be lost"
-    equal "$(state . | grep m.db)" "$before" "the files of a refused restore"
+    equal "$(state . "m.db*")" "$before" "the files of a refused restore"
     ctl restore m.db --force --dry-run
     equal "$code" 0 "the exit code of a dry run"
     equal "$(tail -n 1 out)" "It would be restored; --dry-run changes nothing." "the last line of a dry run"
-    equal "$(state . | grep m.db)" "$before" "the files of a dry run"
+    equal "$(state . "m.db*")" "$before" "the files of a dry run"
     # A database that a program has open.
     cp m.db c.db
     cp m.db.sqlite c.db.sqlite
@@ -196,24 +196,24 @@ case_restore_refuses() {
     # A side file that is not sound.
     damage m.db.sqlite 40 3
     damage m.db 50 3
-    before=$(state . | grep m.db)
+    before=$(state . "m.db*")
     ctl restore m.db
     equal "$code" 1 "the exit code for an unsound side file"
     has "$err" "not restored: the side file is not sound" "standard error for an unsound side file"
     has "$out" "m.db.sqlite is corrupted" "the report of an unsound side file"
-    equal "$(state . | grep m.db)" "$before" "the files"
+    equal "$(state . "m.db*")" "$before" "the files"
     ctl restore m.db --force
     equal "$code" 1 "the exit code of a forced restore from an unsound side file"
     has "$out" "m.db: restored from m.db.sqlite" "the last line of a forced restore"
     lacks "$(tail -n 1 out)" "sound" "the last line of a forced restore"
     # Without anything to restore from, no force helps.
     rm m.db.sqlite
-    before=$(state . | grep m.db)
+    before=$(state . "m.db*")
     expect 1 "cannot open m.db.sqlite: no such file" restore m.db --force
     : > m.db.sqlite
     expect 1 "m.db.sqlite is empty" restore m.db --force
     rm m.db.sqlite
-    equal "$(state . | grep m.db)" "$before" "the files"
+    equal "$(state . "m.db*")" "$before" "the files"
     # A restore that fails leaves the database as it was: the side file goes on being written by another program.
     many n.db 3000
     ctl backup n.db

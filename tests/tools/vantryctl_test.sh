@@ -59,10 +59,11 @@ on_terminal() {
 }
 plain() { sed 's/\x1b\[[0-9;]*[mK]//g' <<< "$1"; }
 
-# What a directory holds: names, kinds, sizes, rights, owners, times of change, bytes.
+# state DIRECTORY [NAMES]: what a directory holds: names, kinds, sizes, rights, owners, times of change, bytes. A pattern
+# of names picks the files before they are summed: a digest may look like any name.
 state() {
-    (cd "$1" && find . -printf '%p %y %s %m %U %G %T@\n' | LC_ALL=C sort &&
-        find . -type f -exec sha256sum {} + | LC_ALL=C sort)
+    (cd "$1" && find . -name "${2:-*}" -printf '%p %y %s %m %U %G %T@\n' | LC_ALL=C sort &&
+        find . -name "${2:-*}" -type f -exec sha256sum {} + | LC_ALL=C sort)
 }
 
 films() {
