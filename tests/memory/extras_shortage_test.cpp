@@ -43,6 +43,15 @@ void SweepAll(const InJournal& scenario) {
     SweepJournals(Operations{}, scenario);
 }
 
+// The same for what needs no memory of its own: only SQLite's pages may have to be had anew.
+void SweepWithoutOwn(const InJournal& scenario) {
+    EXPECT_EQ(SweepNew([&](Attempt& attempt) { scenario("", attempt); }), 0);
+    for (const std::string& journal : kJournals) {
+        SCOPED_TRACE(journal.empty() ? "in memory" : journal);
+        EXPECT_GE(SweepSqlite(Operations{}, [&](Attempt& attempt) { scenario(journal, attempt); }), 1);
+    }
+}
+
 // That the connection is free: no transaction, no statement; and what the file has.
 void ExpectFree(const Database& database, const Texts& rows) {
     EXPECT_NE(sqlite3_get_autocommit(database.Handle()), 0);
@@ -87,10 +96,7 @@ TEST(ExtrasShortage, Rollback_NeedsNoMemory) {
         EXPECT_EQ(result, 0);
         ExpectFree(database, {kRow1, kRow2, kRow3});
     };
-    SweepNew([&](Attempt& attempt) { scenario("", attempt); });
-    for (const std::string& journal : kJournals) {
-        EXPECT_GE(SweepSqlite(Operations{}, [&](Attempt& attempt) { scenario(journal, attempt); }), 1);
-    }
+    SweepWithoutOwn(scenario);
 }
 
 // ---- Many rows --------------------------------------------------------------------------------------------------
@@ -172,10 +178,7 @@ TEST(ExtrasShortage, BulkInsert_RollbackNeedsNoMemory) {
         }
         ExpectFree(database, {kRow1, kRow2, kRow3});
     };
-    SweepNew([&](Attempt& attempt) { scenario("", attempt); });
-    for (const std::string& journal : kJournals) {
-        EXPECT_GE(SweepSqlite(Operations{}, [&](Attempt& attempt) { scenario(journal, attempt); }), 1);
-    }
+    SweepWithoutOwn(scenario);
 }
 
 // ---- Bundles ----------------------------------------------------------------------------------------------------
