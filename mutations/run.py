@@ -223,6 +223,10 @@ def run_in(scratch, folder, command, seconds):
             os.killpg(process.pid, signal.SIGKILL)
         except ProcessLookupError:
             pass
+        # A test that was stopped leaves its shared results, which bear the process's number.
+        for left in pathlib.Path("/dev/shm").glob(".vantry_*"):
+            if re.match(rf"\.vantry_[a-z]+{process.pid}[-_]", left.name):
+                left.unlink(missing_ok=True)
 
 
 def killed(folder, program, tests):

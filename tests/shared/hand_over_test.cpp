@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -15,7 +14,6 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -993,22 +991,10 @@ TEST_F(ConsumerThatWaits, HolderIsKilled_ReceivesTheResult) {
 
 // ---- A system that is short of something --------------------------------------------------------------
 
-void WriteTo(const char* path, const std::string& text) { std::ofstream(path) << text; }
-
 // Gives this process a /dev/shm of its own, of 1 MiB. Returns what is not allowed, or null.
 const char* EnterSmallSharedMemory() {
-    const auto user = getuid();
-    const auto group = getgid();
-    if (unshare(CLONE_NEWNS) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-            return "a mount namespace";
-        }
-        WriteTo("/proc/self/setgroups", "deny");
-        WriteTo("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-        WriteTo("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return "private mounts";
+    if (!support::EnterOwnMounts()) {
+        return "mounts of its own";
     }
     if (mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=1m") != 0) {
         return "mounting a tmpfs";

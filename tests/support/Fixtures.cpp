@@ -20,7 +20,9 @@ void Check(bool good, const std::string& what, sqlite3* db) {
 }  // namespace
 
 TempDir::TempDir() {
-    std::string pattern = std::filesystem::temp_directory_path().string() + "/vantry-test-XXXXXX";
+    // SQLite resolves links and dots, and tests compare the names of its files.
+    std::string pattern =
+        (std::filesystem::canonical(std::filesystem::temp_directory_path()) / "vantry-test-XXXXXX").string();
     Check(mkdtemp(pattern.data()) != nullptr, pattern, nullptr);
     m_path = pattern + "/";
 }

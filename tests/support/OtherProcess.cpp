@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <new>
 
 namespace support {
@@ -20,6 +22,8 @@ namespace {
 
 constexpr unsigned CHILD_SECONDS = 240;
 constexpr int EXCEPTION_LEFT_THE_WORK = 99;
+
+void WriteTo(const char* path, const std::string& text) { std::ofstream(path) << text; }
 
 void Require(bool good, const char* what) {
     if (!good) {
@@ -108,6 +112,21 @@ void Report(int report, const std::string& text) {
         Require(written > 0 || errno == EINTR, "report");
         done += written > 0 ? static_cast<std::size_t>(written) : 0U;
     }
+}
+
+bool EnterOwnMounts() {
+    const auto user = getuid();
+    const auto group = getgid();
+    if (unshare(CLONE_NEWNS) != 0) {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+            return false;
+        }
+        // Without a name of its own there it could make no file.
+        WriteTo("/proc/self/setgroups", "deny");
+        WriteTo("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+        WriteTo("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+    }
+    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 SharedNumbers::SharedNumbers(std::size_t count) : m_count(count) {

@@ -38,6 +38,10 @@ private:
 // Writes a text to the descriptor of a child's report.
 void Report(int report, const std::string& text);
 
+// Gives this process mounts of its own; an ordinary user may have them where there are user namespaces. Tells whether it
+// is allowed.
+bool EnterOwnMounts();
+
 // Numbers that a test shares with the children that it forks afterwards; all are 0 at first.
 class SharedNumbers {
 public:

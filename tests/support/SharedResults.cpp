@@ -23,8 +23,29 @@ void Require(bool good, const char* what) {
     }
 }
 
-// Made before any child is forked.
-const std::string g_key = "test" + std::to_string(getpid()) + "-";
+std::vector<std::string> ObjectsOf(const std::string& key) {
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", none)) {
+        const std::string name = entry.path().filename().string();
+        if (name.find(key) != std::string::npos) {
+            names.push_back("/" + name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Made before any child is forked. Ids of processes come back: a program that crashed may have left objects of this key.
+std::string MakeKey() {
+    std::string key = "test" + std::to_string(getpid()) + "-";
+    for (const std::string& name : ObjectsOf(key)) {
+        shm_unlink(name.c_str());
+    }
+    return key;
+}
+
+const std::string g_key = MakeKey();
 
 std::string Raw(const void* bytes, std::size_t size) {
     return std::string(static_cast<const char*>(bytes), size);
@@ -36,17 +57,7 @@ const std::string& SharedKey() { return g_key; }
 
 std::string SharedName(const std::string& end) { return "/.vantry_" + SharedKey() + end; }
 
-std::vector<std::string> SharedObjects() {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-        const std::string name = entry.path().filename().string();
-        if (name.find(SharedKey()) != std::string::npos) {
-            names.push_back("/" + name);
-        }
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
+std::vector<std::string> SharedObjects() { return ObjectsOf(SharedKey()); }
 
 void MakeObject(const std::string& name, const std::string& bytes) {
     const int descriptor = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
