@@ -1,7 +1,4 @@
-# Sourced by the scripts that read what ctest and the test programs print: tells how many tests a run of ctest passed.
-
-# Colours, which are asked for even in a pipe, would hide the words that are looked for.
-unset CLICOLOR_FORCE GTEST_COLOR
+# Sourced by the scripts: tells how many tests a run of ctest passed.
 
 # passed_tests BUILD SUMMARY: BUILD is the build directory, SUMMARY what ctest wrote. A program of tests that was run as
 # one counts as the tests in it.

@@ -1,4 +1,9 @@
-# Sourced by the scripts: makes sure that Debian packages are there.
+# Sourced by the scripts: the same surroundings on every machine, and the Debian packages that must be there.
+
+# What a user's shell may set: the language of other programs, colours in a pipe, libraries of another build, and what
+# changes the counts of instructions and allocations.
+export LC_ALL=C.UTF-8
+unset CDPATH CLICOLOR_FORCE GTEST_COLOR LD_LIBRARY_PATH MALLOC_PERTURB_ VALGRIND_OPTS
 
 # need PACKAGE ... installs what is missing with apt; where that cannot be, names the packages and stops.
 need() {
@@ -19,9 +24,11 @@ need() {
         exit 1
     fi
     echo "Installing ${missing[*]} ..."
-    "${as_root[@]}" apt-get update -q >/dev/null
+    # A machine that has just started may be about its daily update.
+    local patient=(-o DPkg::Lock::Timeout=600)
+    "${as_root[@]}" apt-get "${patient[@]}" update -q >/dev/null
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -q --no-install-recommends "${missing[@]}" >/dev/null
+        apt-get "${patient[@]}" install -y -q --no-install-recommends "${missing[@]}" >/dev/null
 }
 
 BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libsqlite3-dev)

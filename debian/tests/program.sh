@@ -7,7 +7,7 @@ trap 'rm -rf "$work"' EXIT
 run_program() {
     mkdir "$work/data"
     # shellcheck disable=SC2086
-    output=$(${RUN:-} "$work/program" "$work/data" 2>"$work/log") || { cat "$work/log" >&2 && exit 1; }
+    output=$(DLOG_LEVEL=info ${RUN:-} "$work/program" "$work/data" 2>"$work/log") || { cat "$work/log" >&2 && exit 1; }
     expected='7|Cinema
 1|2097152| OR REPLACE '
     if [ "$output" != "$expected" ]; then

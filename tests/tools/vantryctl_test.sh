@@ -3,7 +3,7 @@
 #   vantryctl_test.sh CASE, with the variables that tests/tools/CMakeLists.txt sets.
 set -uo pipefail
 
-here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+here=$(CDPATH='' cd -P "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 work=$(mktemp -d)
 # No other test has this key; nothing but its results is ever purged. It holds no number, which would be a process.
 key=ctl$(tr 0-9 a-j <<< "$BASHPID-$RANDOM")-
@@ -18,7 +18,7 @@ cleanup() {
 }
 trap cleanup EXIT
 unset DLOG_LEVEL NO_COLOR
-export TERM=xterm TZ=UTC
+export LC_ALL=C.UTF-8 SHELL=/bin/sh TERM=xterm TZ=UTC
 failures=0
 
 fail() {
@@ -66,6 +66,10 @@ state() {
         find . -name "${2:-*}" -type f -exec sha256sum {} + | LC_ALL=C sort)
 }
 
+# Without what its user has in ~/.sqliterc.
+SQLITE=$(type -P sqlite3)
+sqlite3() { "$SQLITE" -init /dev/null "$@"; }
+
 films() {
     sqlite3 "$1" << 'SQL'
 CREATE TABLE films (_id INTEGER PRIMARY KEY, title TEXT, year INTEGER, rating REAL, poster BLOB);
@@ -100,12 +104,17 @@ damage() { dd if=/dev/zero of="$1" bs=1024 seek="$2" count="${3:-1}" conv=notrun
 
 # hold DATABASE SQL: another process keeps the statements' locks, until the test ends or calls release.
 hold() {
+    # An earlier holder's word is not this one's.
+    rm -f "$work/held"
     mkfifo "$work/hold"
-    sqlite3 "$1" < "$work/hold" > "$work/held" 2>&1 &
+    "$SQLITE" -init /dev/null "$1" < "$work/hold" > "$work/held" 2>&1 &
     holders+=($!)
     exec 9> "$work/hold"
     printf '%s\n' "$2" "SELECT 'held';" >&9
-    until grep -q held "$work/held"; do sleep 0.02; done
+    until grep -q held "$work/held" 2> /dev/null; do
+        kill -0 "${holders[-1]}" 2> /dev/null || { fail "the holder ended: $(cat "$work/held")" && break; }
+        sleep 0.02
+    done
     rm "$work/hold"
 }
 release() {
