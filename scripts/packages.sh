@@ -35,7 +35,8 @@ BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libsqlite3-dev)
 EXAMPLE_PACKAGES=(nlohmann-json3-dev)
 # vantryctl; without them the build leaves it, or its manual page, out.
 TOOL_PACKAGES=(libcli11-dev scdoc)
-TEST_PACKAGES=(libgtest-dev libgmock-dev sqlite3)
+# One test makes a locale of its own, out of what `locales` has.
+TEST_PACKAGES=(libgtest-dev libgmock-dev sqlite3 locales)
 FUZZ_PACKAGES=(clang libclang-rt-dev llvm)
 CHECK_PACKAGES=(clang-format clang-tidy cppcheck)
 COVERAGE_PACKAGES=(clang-19 llvm-19 libclang-rt-19-dev python3)
