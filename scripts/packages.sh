@@ -42,7 +42,7 @@ CHECK_PACKAGES=(clang-format clang-tidy cppcheck)
 COVERAGE_PACKAGES=(clang-19 llvm-19 libclang-rt-19-dev python3)
 MUTATE_PACKAGES=(python3)
 DEVICE_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
-PACKAGING_PACKAGES=(debhelper dpkg-dev lintian)
+PACKAGING_PACKAGES=(build-essential debhelper dpkg-dev lintian)
 REPRODUCE_PACKAGES=(faketime util-linux)
 # For the other processor, in a folder of the build.
 SYSROOT_PACKAGES=(libstdc++6 libsqlite3-dev libgtest-dev libgmock-dev nlohmann-json3-dev libcli11-dev)
