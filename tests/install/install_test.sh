@@ -97,8 +97,7 @@ case_layout() {
     # What sanitizers and profilers put into a library tells the places.
     local text_only=
     [[ -z $CXXFLAGS ]] || text_only=-I
-    if grep -rl $text_only -e "$work" -e "$VANTRY_BUILD" -e "$source/include" -e "$source/src/" -e "$source/platform" \
-        "$prefix" > "$work/places"; then
+    if grep -rl $text_only -e "$work" -e "$VANTRY_BUILD" -e "$source" "$prefix" > "$work/places"; then
         fail "the installed tree holds paths of this machine: $(cat "$work/places")"
     fi
 }
